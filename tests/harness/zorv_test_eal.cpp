@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -72,6 +73,14 @@ std::vector<std::string> EalArgs(const std::string &argv0)
 	if (ExtraEalArgs != nullptr) {
 		for (auto &a : ExtraEalArgs())
 			args.push_back(a);
+	}
+	/*
+	 * A later --telemetry does not undo --no-telemetry, so a binary that asks
+	 * for telemetry gets the default argument taken out instead.
+	 */
+	if (std::find(args.begin() + 1, args.end(), "--telemetry") != args.end()) {
+		std::erase(args, std::string("--no-telemetry"));
+		std::erase(args, std::string("--telemetry"));
 	}
 	return args;
 }

@@ -22,6 +22,8 @@
  *           return {"--vdev=net_null0"};
  *   }
  *
+ * A binary that passes "--telemetry" (either way) runs with telemetry on.
+ *
  * Per-test hooks: OnEachTestStart() registers a callback that runs before
  * every test of the binary (the fakes use it to reset their recorder), after
  * EAL is up.

@@ -676,9 +676,14 @@ extern "C" int zorv1_vdev_xstats_get(struct rte_eth_dev *dev, struct rte_eth_xst
 	return (int)count;
 }
 
-/* Clears the whole counter record of every queue, basic counters included. */
+/*
+ * Clears the whole counter record of every queue, basic counters included.
+ * A port that was never configured has its queue counts but no queue arrays.
+ */
 extern "C" int zorv1_vdev_xstats_reset(struct rte_eth_dev *dev)
 {
+	if (dev->data->rx_queues == NULL || dev->data->tx_queues == NULL)
+		return 0;
 	for (uint16_t i = 0; i < dev->data->nb_rx_queues; i++) {
 		auto *rxq = static_cast<struct zorv1_vdev_rxq *>(dev->data->rx_queues[i]);
 		if (rxq != NULL)
@@ -816,9 +821,14 @@ extern "C" int eth_stats_get(struct rte_eth_dev *dev, struct rte_eth_stats *stat
 	return 0;
 }
 
-/* Receive queues keep missed_pkts across a reset, transmit queues do not. */
+/*
+ * Receive queues keep missed_pkts across a reset, transmit queues do not.
+ * A port that was never configured has its queue counts but no queue arrays.
+ */
 extern "C" int eth_stats_reset(struct rte_eth_dev *dev)
 {
+	if (dev->data->rx_queues == NULL || dev->data->tx_queues == NULL)
+		return 0;
 	for (uint16_t i = 0; i < dev->data->nb_rx_queues; i++) {
 		auto *rxq = static_cast<struct zorv1_vdev_rxq *>(dev->data->rx_queues[i]);
 		if (rxq == NULL)

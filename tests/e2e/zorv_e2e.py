@@ -1,0 +1,539 @@
+"""Helpers for the end-to-end scenarios of net_zorv1 (Python 3 standard library only).
+
+Everything here cleans up after itself: processes are killed (their whole
+process group) and DPDK's runtime directory /var/run/dpdk/<prefix> is removed,
+whatever the scenario did.
+
+API
+---
+fail(msg)                    -> raises E2EFailure(msg) (a scenario's assertion).
+check(cond, msg)             -> fail(msg) unless cond.
+unique_prefix(tag)           -> str, a --file-prefix unique to this process.
+work_dir(tag)                -> str, a fresh directory under /var/run/zorv1-e2e
+                                for sockets and logs (not under /tmp: DPDK will
+                                not load a driver from there, and the scenarios
+                                share the path rules).
+remove_tree(path)            -> removes a directory tree, ignoring errors.
+free_tcp_port()              -> int, a TCP port free on 127.0.0.1 right now.
+wait_until(pred, timeout, interval=0.05) -> the first truthy pred() or None.
+common_args(argv=None)       -> argparse.Namespace with .lib (absolute path of
+                                librte_net_zorv1.so, from --lib) and .verbose.
+main(scenario)               -> runs scenario(args), prints PASS/FAIL, exits
+                                0 on success and 1 on failure or exception.
+
+Parsers of testpmd output (pure functions):
+parse_port_stats(text)       -> {port: {"RX-packets": n, "RX-missed": n,
+                                "RX-bytes": n, "RX-errors": n, "RX-nombuf": n,
+                                "TX-packets": n, "TX-errors": n, "TX-bytes": n}}
+                                from `show port stats <p|all>`.
+parse_fwd_stats(text)        -> {port: {"RX-packets": n, "RX-dropped": n,
+                                "TX-packets": n, "TX-dropped": n, ...}} from the
+                                "Forward statistics for port N" blocks of `stop`.
+parse_xstats(text)           -> ordered [(name, value)] of `show port xstats`.
+parse_summary(text)          -> {port: (mac, name, driver, status, link)} of
+                                `show port summary all`.
+Testpmd.attach_virtio_user(path, name="net_virtio_user0", queues=1,
+                           timeout=30) -> port id of the attached peer (not
+                                started yet).
+
+class Testpmd(lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
+              lcores="0-1", mem_mb=1024, env=None, log_path=None)
+    dpdk-testpmd in interactive mode, stdin/stdout through pipes (stdout is
+    made unbuffered with stdbuf so command output precedes the prompt).
+    lib=None leaves out -d (a peer process without the driver); stderr is
+    merged into the output; the process runs in its own process group.
+    Default EAL: -l <lcores> --no-huge --no-pci -m <mem_mb>
+                 --file-prefix=<prefix> -d <lib> --vdev <each of vdevs>
+                 <eal_args>
+    Default app: -i --nb-cores=1 --total-num-mbufs=16384 <app_args>
+    .start(timeout=30)       -> startup text up to the first "testpmd> " prompt;
+                                raises E2EFailure if testpmd exits or times out.
+    .cmd(line, timeout=20)   -> text printed after sending `line` up to the
+                                next prompt (prompt and the echoed command
+                                line excluded). Asynchronous event lines
+                                (e.g. "Port 0: link state change event") may
+                                be mixed in.
+    .send(line)              -> writes a line without waiting.
+    .wait_for(regex, timeout=20, since=0) -> re.Match on the whole output
+                                starting at offset `since`; raises on timeout.
+    .output / .pos           -> everything read so far / its length.
+    .alive()                 -> True while the process runs.
+    .quit(timeout=15)        -> sends "quit" and waits; returns the exit code.
+    .close()                 -> kills the process group if still alive, removes
+                                /var/run/dpdk/<prefix>. Idempotent. Also used by
+                                the context manager (with Testpmd(...) as pmd:).
+    .prefix                  -> the --file-prefix.
+
+telemetry(prefix, commands, timeout=20) -> list of decoded JSON replies, one
+    per command, obtained by running dpdk-telemetry.py -f <prefix> with the
+    commands on its stdin.
+telemetry_one(prefix, command, timeout=20) -> the value under the command's
+    own key of its reply (e.g. telemetry_one(p, "/zorv1/ports") -> [...]);
+    None when the process refused the command (a null reply).
+
+class Mosquitto(port=None)   -> a mosquitto broker on 127.0.0.1:<port>.
+    .start(timeout=10) / .stop() / context manager; .port; .address
+    ("127.0.0.1:<port>").
+class Subscriber(port, topic, out_path) -> mosquitto_sub -v in the background
+    writing to out_path. .start(timeout=10) (waits until subscribed),
+    .lines() -> list of received lines ("<topic> <payload>"), .stop().
+    (It also receives its own probe messages on zorv1e2e/probe/<pid>.)
+"""
+
+import argparse
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+import traceback
+
+DPDK_RUN_DIR = "/var/run/dpdk"
+E2E_RUN_DIR = "/var/run/zorv1-e2e"
+PROMPT = "testpmd> "
+
+
+class E2EFailure(Exception):
+    """A failed check of a scenario."""
+
+
+def fail(msg):
+    raise E2EFailure(msg)
+
+
+def check(cond, msg):
+    if not cond:
+        fail(msg)
+
+
+_serial = [0]
+
+
+def unique_prefix(tag):
+    _serial[0] += 1
+    return "zorv1_e2e_%s_%d_%d_%d" % (tag, os.getpid(), int(time.time() * 1000) % 100000,
+                                      _serial[0])
+
+
+def work_dir(tag):
+    path = os.path.join(E2E_RUN_DIR, unique_prefix(tag))
+    os.makedirs(path, exist_ok=True)
+    return path
+
+
+def remove_tree(path):
+    if path:
+        shutil.rmtree(path, ignore_errors=True)
+
+
+def free_tcp_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_until(pred, timeout, interval=0.05):
+    deadline = time.monotonic() + timeout
+    while True:
+        value = pred()
+        if value:
+            return value
+        if time.monotonic() >= deadline:
+            return None
+        time.sleep(interval)
+
+
+def _kill_group(proc, grace=3.0):
+    """Stops a process started with start_new_session=True and its children."""
+    if proc is None:
+        return
+    if proc.poll() is None:
+        for sig, wait in ((signal.SIGTERM, grace), (signal.SIGKILL, 5.0)):
+            try:
+                os.killpg(proc.pid, sig)
+            except ProcessLookupError:
+                break
+            try:
+                proc.wait(timeout=wait)
+                break
+            except subprocess.TimeoutExpired:
+                continue
+    else:
+        # The leader is gone; children it left in its group go too.
+        try:
+            os.killpg(proc.pid, signal.SIGKILL)
+        except (ProcessLookupError, PermissionError):
+            pass
+
+
+class Testpmd:
+    """dpdk-testpmd driven through its interactive command line (see module doc)."""
+
+    def __init__(self, lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
+                 lcores="0-1", mem_mb=1024, env=None, log_path=None):
+        self.prefix = prefix or unique_prefix("pmd")
+        self.argv = ["stdbuf", "-o0", "-e0", "dpdk-testpmd", "-l", lcores,
+                     "--no-huge", "--no-pci", "-m", str(mem_mb),
+                     "--file-prefix=" + self.prefix]
+        if lib:
+            self.argv += ["-d", os.path.abspath(lib)]
+        for v in vdevs:
+            self.argv += ["--vdev", v]
+        self.argv += list(eal_args)
+        self.argv += ["--", "-i", "--nb-cores=1", "--total-num-mbufs=16384"]
+        self.argv += list(app_args)
+        self.env = dict(os.environ)
+        if env:
+            self.env.update(env)
+        self.log_path = log_path
+        self.proc = None
+        self._buf = []
+        self._text = ""
+        self._cond = threading.Condition()
+        self._reader = None
+        self._eof = False
+
+    # -- process -------------------------------------------------------
+    def start(self, timeout=30):
+        self.proc = subprocess.Popen(self.argv, stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                     env=self.env, start_new_session=True)
+        self._reader = threading.Thread(target=self._read_loop, daemon=True)
+        self._reader.start()
+        m = self.wait_for(re.escape(PROMPT), timeout)
+        return self.output[:m.start()]
+
+    def _read_loop(self):
+        fd = self.proc.stdout.fileno()
+        log = open(self.log_path, "w") if self.log_path else None
+        try:
+            while True:
+                try:
+                    chunk = os.read(fd, 65536)
+                except OSError:
+                    chunk = b""
+                if not chunk:
+                    break
+                text = chunk.decode("utf-8", "replace")
+                if log:
+                    log.write(text)
+                    log.flush()
+                with self._cond:
+                    self._text += text
+                    self._cond.notify_all()
+        finally:
+            if log:
+                log.close()
+            with self._cond:
+                self._eof = True
+                self._cond.notify_all()
+
+    def alive(self):
+        return self.proc is not None and self.proc.poll() is None
+
+    @property
+    def output(self):
+        with self._cond:
+            return self._text
+
+    @property
+    def pos(self):
+        with self._cond:
+            return len(self._text)
+
+    def wait_for(self, regex, timeout=20, since=0):
+        pat = re.compile(regex, re.M)
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                m = pat.search(self._text, since)
+                if m:
+                    return m
+                if self._eof:
+                    fail("testpmd exited (rc=%s) while waiting for %r; output tail:\n%s"
+                         % (self.proc.poll(), regex, self._text[-4000:]))
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    fail("timed out after %ss waiting for %r; output tail:\n%s"
+                         % (timeout, regex, self._text[-4000:]))
+                self._cond.wait(min(left, 0.2))
+
+    def send(self, line):
+        if not self.alive():
+            fail("testpmd is not running (rc=%s); cannot send %r" % (
+                self.proc.poll() if self.proc else None, line))
+        try:
+            self.proc.stdin.write((line + "\n").encode())
+            self.proc.stdin.flush()
+        except (BrokenPipeError, OSError) as e:
+            fail("writing %r to testpmd failed: %s" % (line, e))
+
+    def cmd(self, line, timeout=20):
+        start = self.pos
+        self.send(line)
+        m = self.wait_for(re.escape(PROMPT), timeout, since=start)
+        with self._cond:
+            text = self._text[start:m.start()]
+        # testpmd's command line echoes what it read; drop that echo.
+        first, nl, rest = text.partition("\n")
+        if first.strip() == line.strip():
+            return rest
+        return text
+
+    def attach_virtio_user(self, path, name="net_virtio_user0", queues=1, timeout=30):
+        out = self.cmd("port attach %s,path=%s,queues=%d" % (name, path, queues), timeout)
+        m = re.search(r"Port (\d+) is attached", out)
+        check(m is not None, "attaching %s failed:\n%s" % (name, out))
+        return int(m.group(1))
+
+    def quit(self, timeout=15):
+        if self.alive():
+            try:
+                self.proc.stdin.write(b"quit\n")
+                self.proc.stdin.flush()
+                self.proc.stdin.close()
+            except (BrokenPipeError, OSError):
+                pass
+            try:
+                self.proc.wait(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                fail("testpmd did not quit within %ss" % timeout)
+        return self.proc.returncode if self.proc else None
+
+    def close(self):
+        if self.proc is not None:
+            _kill_group(self.proc)
+            for f in (self.proc.stdin, self.proc.stdout):
+                try:
+                    if f:
+                        f.close()
+                except OSError:
+                    pass
+            if self._reader:
+                self._reader.join(timeout=5)
+        remove_tree(os.path.join(DPDK_RUN_DIR, self.prefix))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+        return False
+
+
+# -- parsers of testpmd output ---------------------------------------------
+def _blocks(text, header_regex):
+    """Splits text into {port: block} at each header naming a port."""
+    heads = list(re.finditer(header_regex, text))
+    out = {}
+    for i, h in enumerate(heads):
+        end = heads[i + 1].start() if i + 1 < len(heads) else len(text)
+        out[int(h.group(1))] = text[h.end():end]
+    return out
+
+
+def _counters(block):
+    return {k: int(v) for k, v in re.findall(r"([A-Za-z]+-[A-Za-z]+):\s+(\d+)", block)}
+
+
+def parse_port_stats(text):
+    blocks = _blocks(text, r"NIC statistics for port (\d+)")
+    return {p: _counters(b.split("Throughput")[0]) for p, b in blocks.items()}
+
+
+def parse_fwd_stats(text):
+    blocks = _blocks(text, r"Forward statistics for port (\d+)")
+    return {p: _counters(b.split("Accumulated")[0]) for p, b in blocks.items()}
+
+
+def parse_xstats(text):
+    return [(n, int(v)) for n, v in re.findall(r"^(\w+):\s+(\d+)\s*$", text, re.M)]
+
+
+def parse_summary(text):
+    rows = re.findall(r"^(\d+)\s+([0-9A-Fa-f:]{17})\s+(\S+)\s+(\S+)\s+(\S+)\s+(.*?)\s*$",
+                      text, re.M)
+    return {int(r[0]): tuple(r[1:]) for r in rows}
+
+
+# -- telemetry -------------------------------------------------------------
+def telemetry(prefix, commands, timeout=20):
+    """Runs dpdk-telemetry.py against a running process; one reply per command."""
+    if isinstance(commands, str):
+        commands = [commands]
+    stdin = "".join(c + "\n" for c in commands)
+    try:
+        res = subprocess.run(["dpdk-telemetry.py", "-f", prefix], input=stdin.encode(),
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             timeout=timeout)
+    except subprocess.TimeoutExpired:
+        fail("dpdk-telemetry.py -f %s timed out on %r" % (prefix, commands))
+    out = res.stdout.decode("utf-8", "replace")
+    replies = []
+    for line in out.splitlines():
+        line = line.strip()
+        if not line:
+            continue
+        try:
+            replies.append(json.loads(line))
+        except json.JSONDecodeError:
+            fail("dpdk-telemetry.py printed a non-JSON line %r (rc=%d, stderr=%r)"
+                 % (line, res.returncode, res.stderr.decode("utf-8", "replace")))
+    if len(replies) != len(commands):
+        fail("dpdk-telemetry.py gave %d replies for %d commands: %s (stderr=%r)"
+             % (len(replies), len(commands), out, res.stderr.decode("utf-8", "replace")))
+    return replies
+
+
+def telemetry_one(prefix, command, timeout=20):
+    reply = telemetry(prefix, [command], timeout)[0]
+    key = command.split(",", 1)[0]
+    check(isinstance(reply, dict) and key in reply,
+          "telemetry reply to %r lacks key %r: %r" % (command, key, reply))
+    return reply[key]
+
+
+# -- mosquitto -------------------------------------------------------------
+class Mosquitto:
+    """A mosquitto broker listening on 127.0.0.1:<port>."""
+
+    def __init__(self, port=None):
+        self.port = port or free_tcp_port()
+        self.proc = None
+        self._dir = None
+
+    @property
+    def address(self):
+        return "127.0.0.1:%d" % self.port
+
+    def start(self, timeout=10):
+        if shutil.which("mosquitto") is None and not os.path.exists("/usr/sbin/mosquitto"):
+            fail("mosquitto is not installed (scripts/setup.sh installs it)")
+        exe = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
+        self._dir = work_dir("mosq")
+        conf = os.path.join(self._dir, "mosquitto.conf")
+        with open(conf, "w") as f:
+            f.write("listener %d 127.0.0.1\nallow_anonymous true\npersistence false\n"
+                    % self.port)
+        self._log = open(os.path.join(self._dir, "mosquitto.log"), "w")
+        self.proc = subprocess.Popen([exe, "-c", conf], stdout=self._log,
+                                     stderr=subprocess.STDOUT, start_new_session=True)
+
+        def listening():
+            if self.proc.poll() is not None:
+                fail("mosquitto exited with %s" % self.proc.returncode)
+            try:
+                with socket.create_connection(("127.0.0.1", self.port), timeout=0.5):
+                    return True
+            except OSError:
+                return False
+        if not wait_until(listening, timeout):
+            self.stop()
+            fail("mosquitto did not listen on port %d within %ss" % (self.port, timeout))
+        return self
+
+    def stop(self):
+        _kill_group(self.proc)
+        self.proc = None
+        if getattr(self, "_log", None):
+            self._log.close()
+            self._log = None
+        remove_tree(self._dir)
+        self._dir = None
+
+    def __enter__(self):
+        return self.start() if self.proc is None else self
+
+    def __exit__(self, *exc):
+        self.stop()
+        return False
+
+
+class Subscriber:
+    """mosquitto_sub -v on one topic, in the background, into a file."""
+
+    def __init__(self, port, topic, out_path):
+        self.port = port
+        self.topic = topic
+        self.out_path = out_path
+        self.proc = None
+
+    def start(self, timeout=10):
+        exe = shutil.which("mosquitto_sub")
+        if exe is None:
+            fail("mosquitto_sub is not installed (scripts/setup.sh installs it)")
+        self._out = open(self.out_path, "w")
+        # A private probe topic in the same SUBSCRIBE: once a message on it
+        # comes back, the subscription to `topic` is in place too.
+        probe = "zorv1e2e/probe/%d" % os.getpid()
+        self.proc = subprocess.Popen([exe, "-h", "127.0.0.1", "-p", str(self.port),
+                                      "-t", self.topic, "-t", probe, "-v"],
+                                     stdout=self._out, stderr=subprocess.STDOUT,
+                                     start_new_session=True)
+
+        def seen():
+            if self.proc.poll() is not None:
+                fail("mosquitto_sub exited with %s" % self.proc.returncode)
+            subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port),
+                            "-t", probe, "-m", "probe"], timeout=5,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            return any(l.startswith(probe + " ") for l in self.lines())
+        if not wait_until(seen, timeout, 0.2):
+            self.stop()
+            fail("mosquitto_sub did not subscribe within %ss" % timeout)
+        return self
+
+    def lines(self):
+        try:
+            with open(self.out_path, encoding="utf-8", errors="replace") as f:
+                return [l.rstrip("\n") for l in f]
+        except FileNotFoundError:
+            return []
+
+    def stop(self):
+        _kill_group(self.proc)
+        self.proc = None
+        if getattr(self, "_out", None):
+            self._out.close()
+            self._out = None
+
+    def __enter__(self):
+        return self.start() if self.proc is None else self
+
+    def __exit__(self, *exc):
+        self.stop()
+        return False
+
+
+# -- scenario runner ---------------------------------------------------------
+def common_args(argv=None):
+    p = argparse.ArgumentParser()
+    p.add_argument("--lib", required=True, help="path of librte_net_zorv1.so")
+    p.add_argument("-v", "--verbose", action="store_true")
+    args = p.parse_args(argv)
+    args.lib = os.path.abspath(args.lib)
+    if not os.path.exists(args.lib):
+        p.error("no such library: %s" % args.lib)
+    return args
+
+
+def main(scenario, argv=None):
+    args = common_args(argv)
+    name = os.path.basename(sys.argv[0])
+    t0 = time.monotonic()
+    try:
+        scenario(args)
+    except E2EFailure as e:
+        print("FAIL %s: %s" % (name, e), flush=True)
+        sys.exit(1)
+    except Exception:
+        traceback.print_exc()
+        print("FAIL %s: unexpected exception" % name, flush=True)
+        sys.exit(1)
+    print("PASS %s (%.1fs)" % (name, time.monotonic() - t0), flush=True)
+    sys.exit(0)

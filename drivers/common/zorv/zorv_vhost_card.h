@@ -1,0 +1,128 @@
+/* SPDX-License-Identifier: BSD-3-Clause
+ * The emulated card's transport, internal header.
+ *
+ * Without the card, each registered interface is served as a vhost-user
+ * socket in server mode by DPDK's vhost library; the virtio peer (a VM,
+ * DPDK's virtio-user, ...) is the host side of the card's function.
+ *
+ * Socket of an interface:
+ *   - an interface name that contains '/' is itself the socket path;
+ *   - any other name <ifc> is served at <dir>/<ifc>, where <dir> is the
+ *     value of the environment variable ZORV1_VHOST_DIR, or /var/run/zorv1
+ *     when it is unset or empty. The directory is created if missing.
+ *   The path must fit a unix socket address (107 bytes).
+ *
+ * Hardware function (sfi) of a connection: every registered interface owns
+ * one slot of the card's interface table for as long as it is registered,
+ * and its connections are bound to sfi = slot + 1 (1..ZORV_CARD_MAX_IFACES).
+ *
+ * Virtio features offered to the peer (ZORV_CARD_VIRTIO_FEATURES):
+ *   receive side of the peer: GUEST_CSUM, GUEST_TSO4, GUEST_TSO6 and
+ *     MRG_RXBUF, so that the port's transmit checksum and TSO offloads can
+ *     be handed to the peer in the virtio-net header. When a peer did not
+ *     negotiate them, the card computes the checksums and segments TSO
+ *     packets itself before the copy.
+ *   transmit side of the peer: no CSUM and no HOST_TSO. The port advertises
+ *     no receive offload, so every frame it delivers must be complete and
+ *     checksummed, and within the firmware MTU of its virtual port.
+ *   and MQ, CTRL_VQ, CTRL_RX, ANY_LAYOUT, INDIRECT_DESC, VERSION_1,
+ *   RING_PACKED, IN_ORDER and the vhost-user protocol features.
+ *
+ * Connection ids (the vid the port knows): the vhost library's device id,
+ * unless a port still holds that id from an earlier connection (a port keeps
+ * its last vid, and the library reuses the lowest free device id); then the
+ * connection gets the lowest id that no port holds, so that the port's
+ * lookups by vid always find the connection's own port. Ids are 0..1023.
+ *
+ * Connection events to the port: a new device is announced with
+ * zorv1_dpu_vdev_new_conn and bound with zorv1_set_internal_sfi; once every
+ * virtqueue the port's queues use is enabled (of the pairs the peer has),
+ * zorv1_dpu_dev_queue_setup; a destroyed device with
+ * zorv1_dpu_vdev_destroy_conn. A virtqueue that goes off later is noted
+ * but not reported with zorv1_dpu_dev_queue_destroy: the vhost library
+ * reports it with the device's virtqueue locks held, and the port's queue
+ * destroy waits for bursts that may be spinning on those locks. The library
+ * itself refuses a disabled virtqueue to the bursts.
+ *
+ * Unregistering: zorv1_dpu_vdev_protocol_unregister is called by the port's
+ * close, after the port was stopped (its queuing gates closed and drained)
+ * and with the device manager's mutex held. A connection still live then is
+ * dropped by the card alone, without the port's connection entry points
+ * (which take that mutex); the port is going away with it.
+ *
+ * Transmitted mbufs: the virtio copy leaves accepted mbufs with the card,
+ * which keeps them readable until the port's transmit burst has returned
+ * (the burst reads them after its last enqueue) and frees them at the start
+ * of the next burst on the same queue, or when the connection goes away or
+ * the interface is unregistered.
+ */
+#ifndef ZORV_VHOST_CARD_H
+#define ZORV_VHOST_CARD_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Environment variable naming the socket directory, and its default. */
+#define ZORV_CARD_SOCK_DIR_ENV "ZORV1_VHOST_DIR"
+#define ZORV_CARD_SOCK_DIR_DEFAULT "/var/run/zorv1"
+
+/* Interfaces registered at once; interface slot i is bound to sfi i + 1. */
+#define ZORV_CARD_MAX_IFACES 1024
+
+/* Hardware function indices the card accepts. */
+#define ZORV_CARD_SFI_MIN 1
+#define ZORV_CARD_SFI_MAX 8191
+
+/*
+ * Transmitted mbufs the card holds per queue until the next burst; a burst
+ * that offers more is accepted up to this many (the rest stays with the
+ * caller, as for a full virtqueue).
+ */
+#define ZORV_CARD_TX_HOLD 512
+
+/* Virtio feature bits offered to the peer (see above). */
+#define ZORV_CARD_VIRTIO_FEATURES                                            \
+	((1ULL << 1) /* VIRTIO_NET_F_GUEST_CSUM */ |                         \
+	 (1ULL << 7) /* VIRTIO_NET_F_GUEST_TSO4 */ |                         \
+	 (1ULL << 8) /* VIRTIO_NET_F_GUEST_TSO6 */ |                         \
+	 (1ULL << 15) /* VIRTIO_NET_F_MRG_RXBUF */ |                         \
+	 (1ULL << 17) /* VIRTIO_NET_F_CTRL_VQ */ |                           \
+	 (1ULL << 18) /* VIRTIO_NET_F_CTRL_RX */ |                           \
+	 (1ULL << 22) /* VIRTIO_NET_F_MQ */ |                                \
+	 (1ULL << 27) /* VIRTIO_F_ANY_LAYOUT */ |                            \
+	 (1ULL << 28) /* VIRTIO_RING_F_INDIRECT_DESC */ |                    \
+	 (1ULL << 30) /* VHOST_USER_F_PROTOCOL_FEATURES */ |                 \
+	 (1ULL << 32) /* VIRTIO_F_VERSION_1 */ |                             \
+	 (1ULL << 34) /* VIRTIO_F_RING_PACKED */ |                           \
+	 (1ULL << 35) /* VIRTIO_F_IN_ORDER */)
+
+/*
+ * Socket path an interface is (or would be) served at. 0 on success, -1
+ * when the name is empty or the path does not fit len or a socket address.
+ */
+int zorv_card_socket_path(const char *iface, char *buf, size_t len);
+
+/* sfi of a registered interface, or 0xFFFFFFFF when it is not registered. */
+uint32_t zorv_card_iface_sfi(const char *iface);
+
+/* vid of the interface's live connection, or -1. */
+int zorv_card_iface_vid(const char *iface);
+
+/* Virtio features negotiated by a live connection; 0 for none. */
+uint64_t zorv_card_conn_features(int vid);
+
+/* Transmitted mbufs the card still holds for a live connection. */
+uint32_t zorv_card_conn_held_mbufs(int vid);
+
+/* Number of registered interfaces. */
+uint32_t zorv_card_iface_count(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZORV_VHOST_CARD_H */

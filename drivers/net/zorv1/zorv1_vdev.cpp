@@ -1687,5 +1687,11 @@ RTE_INIT(vdrvinitfn_pmd_zorv1_dpu_vdev_drv)
 	pmd_zorv1_dpu_vdev_drv.driver.alias = vdrvinit_net_zorv1_alias;
 	rte_vdev_register(&pmd_zorv1_dpu_vdev_drv);
 }
-RTE_PMD_EXPORT_NAME(net_zorv1, 0);
-RTE_PMD_REGISTER_PARAM_STRING(net_zorv1, "iface=<ifc> queues=<int> ");
+/*
+ * Driver metadata for DPDK's tooling, under the plain symbol names that
+ * RTE_PMD_EXPORT_NAME and RTE_PMD_REGISTER_PARAM_STRING give in C (a C++
+ * static would otherwise carry a mangled name the tools do not look for).
+ */
+static const char this_pmd_name0[] __asm__("this_pmd_name0") __rte_used = "net_zorv1";
+static const char __net_zorv1_param_string_export[] __asm__(
+	"__net_zorv1_param_string_export") __rte_used = "iface=<ifc> queues=<int> ";

@@ -90,7 +90,10 @@
  *                            slotted port with that port id, or NULL.
  *   get_ethdev_internal(i)   slots[i]; i outside 0..1023 fails the test.
  *                            Counts slot_reads and slot_reads_unlocked (made
- *                            without the mutex held by the caller).
+ *                            without the mutex held by the caller). Override
+ *                            dev.get_ethdev_internal(i) answers instead of
+ *                            slots[i] (e.g. a port that vanishes after some
+ *                            walks); called without the recorder's lock.
  *   get_ethdev_by_sfi(sfi)   records by_sfi_calls; first slotted port whose
  *                            zorv1_internal.sfi == sfi (NULL dev_private
  *                            skipped).
@@ -103,7 +106,8 @@
  *                            (uint32_t)(vid * 31 + q) % 16 by default.
  * Overrides (std::function; when set they replace the default behaviour,
  * recording still happens): dev.install, dev.uninstall, dev.get_ethdev,
- * dev.by_sfi, dev.by_name, dev.pci_hash (used by both hash variants).
+ * dev.get_ethdev_internal, dev.by_sfi, dev.by_name, dev.pci_hash (used by
+ * both hash variants).
  * Helpers: dev.Place(slot, dev) puts a port into any slot directly,
  * dev.ClearSlots(), dev.SlotOf(dev) (-1 if absent).
  * Mutex: a real non-recursive mutex (another thread blocks). Locking it
@@ -250,6 +254,7 @@ struct DevMgrFake {
 	std::function<int(uint16_t, struct rte_eth_dev *)> install;
 	std::function<int(uint16_t)> uninstall;
 	std::function<struct rte_eth_dev *(uint16_t)> get_ethdev;
+	std::function<struct rte_eth_dev *(int slot)> get_ethdev_internal;
 	std::function<struct rte_eth_dev *(uint32_t)> by_sfi;
 	std::function<struct rte_eth_dev *(const char *)> by_name;
 	std::function<uint32_t(int vid, int queue)> pci_hash;

@@ -117,6 +117,11 @@ struct rte_eth_dev *zorv1_dev_get_ethdev_internal(int slot)
 		ADD_FAILURE() << "zorv1_dev_get_ethdev_internal: slot " << slot << " out of range";
 		return nullptr;
 	}
+	auto handler = f.dev.get_ethdev_internal;
+	if (handler) {
+		lk.unlock();
+		return handler(slot);
+	}
 	return f.dev.slots[slot];
 }
 

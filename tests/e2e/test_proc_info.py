@@ -40,33 +40,9 @@ _XSTAT_ROWS = ["good_packets", "total_bytes", "missed_pkts", "broadcast_packets"
 ZORV1_XSTATS = ["rx_" + r for r in _XSTAT_ROWS] + ["tx_" + r for r in _XSTAT_ROWS]
 
 
-# Lines that other threads of testpmd print at any moment (the driver's and
-# the vhost library's logs about the peer connecting or leaving, link
-# events). They can land in the middle of the prompt, so they are taken out
-# before looking for it.
-ASYNC_OUTPUT = re.compile(
-    r"(?:\[offload_smartnic\]|VHOST_CONFIG:|\n?Port \d+: link state change event)[^\n]*\n")
-
-
 def cmd(pmd, line, timeout=20):
-    """Runs a testpmd command; its output up to the next prompt, without the
-    asynchronous lines and the echoed command."""
-    start = pmd.pos
-    pmd.send(line)
-    deadline = time.monotonic() + timeout
-    while True:
-        text = ASYNC_OUTPUT.sub("", pmd.output[start:])
-        i = text.find(e2e.PROMPT)
-        if i >= 0:
-            first, _, rest = text[:i].partition("\n")
-            return rest if first.strip() == line.strip() else text[:i]
-        if not pmd.alive():
-            e2e.fail("testpmd exited (rc=%s) during %r; output tail:\n%s"
-                     % (pmd.proc.poll(), line, pmd.output[-4000:]))
-        if time.monotonic() >= deadline:
-            e2e.fail("no prompt within %ss after %r; output tail:\n%s"
-                     % (timeout, line, pmd.output[-4000:]))
-        time.sleep(0.02)
+    """Runs a testpmd command; its output up to the next prompt."""
+    return pmd.cmd(line, timeout)
 
 
 class Skip(Exception):

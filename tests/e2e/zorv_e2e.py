@@ -46,13 +46,16 @@ class Testpmd(lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
                  --file-prefix=<prefix> -d <lib> --vdev <each of vdevs>
                  <eal_args>
     Default app: -i --nb-cores=1 --total-num-mbufs=16384 <app_args>
-    .start(timeout=30)       -> startup text up to the first "testpmd> " prompt;
+    .start(timeout=30)       -> startup text (all lines, the driver's too) up to
+                                the first "testpmd> " prompt;
                                 raises E2EFailure if testpmd exits or times out.
     .cmd(line, timeout=20)   -> text printed after sending `line` up to the
                                 next prompt (prompt and the echoed command
-                                line excluded). Asynchronous event lines
-                                (e.g. "Port 0: link state change event") may
-                                be mixed in.
+                                line excluded). Lines that other threads
+                                print at any moment (the driver's and the
+                                vhost library's logs, "Port N: link state
+                                change event") are taken out; wait_for() sees
+                                them in .output.
     .send(line)              -> writes a line without waiting.
     .wait_for(regex, timeout=20, since=0) -> re.Match on the whole output
                                 starting at offset `since`; raises on timeout.
@@ -96,6 +99,12 @@ import traceback
 DPDK_RUN_DIR = "/var/run/dpdk"
 E2E_RUN_DIR = "/var/run/zorv1-e2e"
 PROMPT = "testpmd> "
+
+# Lines that other threads of testpmd print at any moment (the driver's and
+# the vhost library's logs about peers, link events). They can land in the
+# middle of the prompt, so they are taken out before looking for it.
+ASYNC_OUTPUT = re.compile(
+    r"(?:\[offload_smartnic\]|VHOST_CONFIG:|\n?Port \d+: link state change event)[^\n]*\n")
 
 
 class E2EFailure(Exception):
@@ -205,8 +214,11 @@ class Testpmd:
                                      env=self.env, start_new_session=True)
         self._reader = threading.Thread(target=self._read_loop, daemon=True)
         self._reader.start()
-        m = self.wait_for(re.escape(PROMPT), timeout)
-        return self.output[:m.start()]
+        self._until_prompt(0, timeout, "start-up")
+        # Start-up text is returned whole: checks look for the driver's lines.
+        raw = self.output
+        i = raw.rfind(PROMPT)
+        return raw[:i] if i >= 0 else raw
 
     def _read_loop(self):
         fd = self.proc.stdout.fileno()
@@ -276,14 +288,31 @@ class Testpmd:
     def cmd(self, line, timeout=20):
         start = self.pos
         self.send(line)
-        m = self.wait_for(re.escape(PROMPT), timeout, since=start)
-        with self._cond:
-            text = self._text[start:m.start()]
+        text = self._until_prompt(start, timeout, line)
         # testpmd's command line echoes what it read; drop that echo.
         first, nl, rest = text.partition("\n")
         if first.strip() == line.strip():
             return rest
         return text
+
+    def _until_prompt(self, start, timeout, what):
+        """Output from `start` up to the next prompt, without the lines other
+        threads print at any moment (they can split the prompt itself)."""
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                text = ASYNC_OUTPUT.sub("", self._text[start:])
+                i = text.find(PROMPT)
+                if i >= 0:
+                    return text[:i]
+                if self._eof:
+                    fail("testpmd exited (rc=%s) during %r; output tail:\n%s"
+                         % (self.proc.poll(), what, self._text[-4000:]))
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    fail("no prompt within %ss after %r; output tail:\n%s"
+                         % (timeout, what, self._text[-4000:]))
+                self._cond.wait(min(left, 0.2))
 
     def attach_virtio_user(self, path, name="net_virtio_user0", queues=1, timeout=30):
         out = self.cmd("port attach %s,path=%s,queues=%d" % (name, path, queues), timeout)

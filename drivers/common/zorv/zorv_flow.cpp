@@ -1,30 +1,39 @@
 /* SPDX-License-Identifier: BSD-3-Clause
- * Flow engine of the zorv1 family, for the emulated card.
+ * Flow engine of the zorv1 family: per-port flow resources, VXLAN ports,
+ * the rte_flow operations and the rule tables the receive classifier reads.
  *
- * A port gets a vNIC id and a flow context when it is created. The card
- * has no flow classifier or meters to program, so every rte_flow and
- * rte_mtr operation fails with ENOTSUP and a message saying so; nothing is
- * reported as done that was not done.
+ * Every change of the rule set (create, destroy, flush, a new VXLAN port)
+ * builds a new immutable table under the context's lock, publishes it with
+ * one atomic store, waits until no receive queue still classifies with the
+ * previous one (zorv_flow::sync_readers) and only then frees that table and
+ * the rules taken out. Rules are kept across port stop and start; they go
+ * with flush, destroy or the port's close.
  */
 #include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <new>
 
 #include <ethdev_driver.h>
 #include <rte_flow.h>
 #include <rte_flow_driver.h>
 #include <rte_malloc.h>
-#include <rte_mtr.h>
-#include <rte_mtr_driver.h>
 
 #include "zorv1_common.h"
 #include "zorv1_logs.h"
 #include "zorv1_vhost.h"
 #include "zorv_flow.h"
+#include "zorv_flow_internal.h"
 #include "zorv_fw.h"
+#include "zorv_mutex_guard.h"
+
+static_assert(zorv_flow::READERS_MAX >= RTE_MAX_QUEUES_PER_PORT,
+	      "a reader slot for every receive queue a port can have");
+
+namespace zorv_flow {
 
 namespace {
-
-constexpr const char ZORV_FLOW_NOTSUP[] = "flow rules are not supported by the zorv1 card";
-constexpr const char ZORV_MTR_NOTSUP[] = "meters are not supported by the zorv1 card";
 
 struct zorv1_internal *internal_of(struct rte_eth_dev *dev)
 {
@@ -33,147 +42,295 @@ struct zorv1_internal *internal_of(struct rte_eth_dev *dev)
 	return static_cast<struct zorv1_internal *>(dev->data->dev_private);
 }
 
+int no_ctx(struct rte_flow_error *error)
+{
+	return rte_flow_error_set(error, ENODEV, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+				  "port has no flow context");
+}
+
+bool rule_before(const struct rte_flow *a, const struct rte_flow *b)
+{
+	if (a->def.group != b->def.group)
+		return a->def.group < b->def.group;
+	if (a->def.priority != b->def.priority)
+		return a->def.priority < b->def.priority;
+	return a->seq < b->seq;
+}
+
+/* Build the table of every rule on ctx->rules; NULL (and 0) when there is none. */
+int build_table(struct zorv_flow_ctx *ctx, struct table **out)
+{
+	*out = nullptr;
+	const uint32_t n = ctx->nb_rules;
+	if (n == 0)
+		return 0;
+
+	/* Groups: at most one per rule. */
+	size_t size = RTE_ALIGN_CEIL(sizeof(struct table), 8) + sizeof(struct group) * n +
+		      sizeof(struct rte_flow *) * n + sizeof(int32_t) * n;
+	auto *mem = static_cast<uint8_t *>(
+		rte_zmalloc_socket("zorv_flow_table", size, RTE_CACHE_LINE_SIZE, ctx->socket));
+	if (mem == nullptr)
+		return -ENOMEM;
+	auto *t = new (mem) table{};
+	uint8_t *p = mem + RTE_ALIGN_CEIL(sizeof(struct table), 8);
+	t->groups = reinterpret_cast<struct group *>(p);
+	p += sizeof(struct group) * n;
+	t->rules = reinterpret_cast<struct rte_flow **>(p);
+	p += sizeof(struct rte_flow *) * n;
+	t->jump = reinterpret_cast<int32_t *>(p);
+
+	uint32_t i = 0;
+	struct rte_flow *r;
+	bool vxlan = false;
+	TAILQ_FOREACH(r, &ctx->rules, next) {
+		t->rules[i++] = r;
+		vxlan |= r->def.needs_vxlan || (r->def.act.fate == F_RSS && r->def.act.rss_level == 2);
+	}
+	t->nb_rules = n;
+	std::sort(t->rules, t->rules + n, rule_before);
+
+	t->group0 = -1;
+	for (i = 0; i < n; i++) {
+		uint32_t gid = t->rules[i]->def.group;
+		if (t->nb_groups == 0 || t->groups[t->nb_groups - 1].id != gid) {
+			if (gid == 0)
+				t->group0 = static_cast<int32_t>(t->nb_groups);
+			t->groups[t->nb_groups++] = group{gid, i, 0};
+		}
+		t->groups[t->nb_groups - 1].count++;
+	}
+	for (i = 0; i < n; i++) {
+		const struct actions &a = t->rules[i]->def.act;
+		t->jump[i] = -1;
+		if (a.fate != F_JUMP)
+			continue;
+		for (uint32_t g = 0; g < t->nb_groups; g++)
+			if (t->groups[g].id == a.jump_group)
+				t->jump[i] = static_cast<int32_t>(g);
+	}
+	t->nb_vxlan = ctx->nb_vxlan_ports;
+	for (i = 0; i < ctx->nb_vxlan_ports; i++)
+		t->vxlan_ports[i] = rte_cpu_to_be_16(ctx->vxlan_ports[i]);
+	t->parse_vxlan = vxlan && ctx->nb_vxlan_ports != 0;
+	*out = t;
+	return 0;
+}
+
+/* Make t the table of the port and free the previous one after a grace period. */
+void publish(struct zorv_flow_ctx *ctx, struct table *t)
+{
+	const struct table *old = ctx->table.exchange(t, std::memory_order_seq_cst);
+	if (t != nullptr)
+		__atomic_fetch_or(&ctx->priv->flags, ZORV_FLOW_F_RULES, __ATOMIC_RELEASE);
+	else
+		__atomic_fetch_and(&ctx->priv->flags, ~ZORV_FLOW_F_RULES, __ATOMIC_RELEASE);
+	sync_readers(ctx);
+	rte_free(const_cast<struct table *>(old));
+}
+
+/* Rebuild from ctx->rules and publish; -ENOMEM leaves the current table. */
+int republish(struct zorv_flow_ctx *ctx)
+{
+	struct table *t;
+	int ret = build_table(ctx, &t);
+	if (ret < 0)
+		return ret;
+	publish(ctx, t);
+	return 0;
+}
+
+void free_rule(struct rte_flow *r)
+{
+	release_rule_def(&r->def);
+	r->~rte_flow();
+	rte_free(r);
+}
+
+struct rte_flow *find_rule(struct zorv_flow_ctx *ctx, const struct rte_flow *flow)
+{
+	struct rte_flow *r;
+	TAILQ_FOREACH(r, &ctx->rules, next)
+		if (r == flow)
+			return r;
+	return nullptr;
+}
+
+/* Take every rule off (ctx->lock held): publish no table, then free them. */
+void flush_locked(struct zorv_flow_ctx *ctx)
+{
+	publish(ctx, nullptr);
+	struct rte_flow *r;
+	while ((r = TAILQ_FIRST(&ctx->rules)) != nullptr) {
+		TAILQ_REMOVE(&ctx->rules, r, next);
+		free_rule(r);
+	}
+	ctx->nb_rules = 0;
+}
+
+/* ---- rte_flow operations ---- */
+
+int flow_validate(struct rte_eth_dev *dev, const struct rte_flow_attr *attr,
+		  const struct rte_flow_item pattern[], const struct rte_flow_action actions[],
+		  struct rte_flow_error *error)
+{
+	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	if (ctx == nullptr)
+		return no_ctx(error);
+
+	zorv_mutex_guard guard(ctx->lock);
+	struct rule_def *def = static_cast<struct rule_def *>(
+		rte_malloc("zorv_flow_def", sizeof(struct rule_def), 0));
+	if (def == nullptr)
+		return rte_flow_error_set(error, ENOMEM, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+					  "no memory to check the rule");
+	int ret = compile_rule(ctx, dev, attr, pattern, actions, def, false, error);
+	rte_free(def);
+	return ret;
+}
+
+struct rte_flow *flow_create(struct rte_eth_dev *dev, const struct rte_flow_attr *attr,
+			     const struct rte_flow_item pattern[],
+			     const struct rte_flow_action actions[], struct rte_flow_error *error)
+{
+	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	if (ctx == nullptr) {
+		no_ctx(error);
+		return nullptr;
+	}
+
+	zorv_mutex_guard guard(ctx->lock);
+	void *mem = rte_zmalloc_socket("zorv_flow_rule", sizeof(struct rte_flow),
+				       RTE_CACHE_LINE_SIZE, ctx->socket);
+	if (mem == nullptr) {
+		rte_flow_error_set(error, ENOMEM, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+				   "no memory for the rule");
+		return nullptr;
+	}
+	auto *r = new (mem) rte_flow{};
+	if (compile_rule(ctx, dev, attr, pattern, actions, &r->def, true, error) < 0) {
+		r->~rte_flow();
+		rte_free(mem);
+		return nullptr;
+	}
+	r->ctx = ctx;
+	r->seq = ctx->next_seq++;
+	TAILQ_INSERT_TAIL(&ctx->rules, r, next);
+	ctx->nb_rules++;
+	if (republish(ctx) < 0) {
+		TAILQ_REMOVE(&ctx->rules, r, next);
+		ctx->nb_rules--;
+		free_rule(r);
+		rte_flow_error_set(error, ENOMEM, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+				   "no memory for the rule table");
+		return nullptr;
+	}
+	ZORV1_VDEV_LOG(DEBUG, "port %u: flow rule %p created in group %u priority %u\n",
+		       ctx->port_id, static_cast<void *>(r), r->def.group, r->def.priority);
+	return r;
+}
+
+int flow_destroy(struct rte_eth_dev *dev, struct rte_flow *flow, struct rte_flow_error *error)
+{
+	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	if (ctx == nullptr)
+		return no_ctx(error);
+
+	zorv_mutex_guard guard(ctx->lock);
+	struct rte_flow *r = find_rule(ctx, flow);
+	if (r == nullptr)
+		return rte_flow_error_set(error, EINVAL, RTE_FLOW_ERROR_TYPE_HANDLE, flow,
+					  "no such flow rule on this port");
+	TAILQ_REMOVE(&ctx->rules, r, next);
+	ctx->nb_rules--;
+	struct table *t;
+	if (build_table(ctx, &t) < 0) {
+		TAILQ_INSERT_TAIL(&ctx->rules, r, next);
+		ctx->nb_rules++;
+		return rte_flow_error_set(error, ENOMEM, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+					  "no memory for the rule table");
+	}
+	publish(ctx, t);
+	free_rule(r);
+	ZORV1_VDEV_LOG(DEBUG, "port %u: flow rule %p destroyed\n", ctx->port_id,
+		       static_cast<void *>(flow));
+	return 0;
+}
+
+int flow_flush(struct rte_eth_dev *dev, struct rte_flow_error *error)
+{
+	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	if (ctx == nullptr)
+		return no_ctx(error);
+
+	zorv_mutex_guard guard(ctx->lock);
+	flush_locked(ctx);
+	return 0;
+}
+
+int flow_query(struct rte_eth_dev *dev, struct rte_flow *flow, const struct rte_flow_action *action,
+	       void *data, struct rte_flow_error *error)
+{
+	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	if (ctx == nullptr)
+		return no_ctx(error);
+
+	zorv_mutex_guard guard(ctx->lock);
+	struct rte_flow *r = find_rule(ctx, flow);
+	if (r == nullptr)
+		return rte_flow_error_set(error, EINVAL, RTE_FLOW_ERROR_TYPE_HANDLE, flow,
+					  "no such flow rule on this port");
+	if (action == nullptr)
+		return rte_flow_error_set(error, EINVAL, RTE_FLOW_ERROR_TYPE_ACTION, nullptr,
+					  "no action to query");
+	if (action->type != RTE_FLOW_ACTION_TYPE_COUNT)
+		return rte_flow_error_set(error, ENOTSUP, RTE_FLOW_ERROR_TYPE_ACTION, action,
+					  "only COUNT can be queried");
+	if (!r->def.act.count)
+		return rte_flow_error_set(error, EINVAL, RTE_FLOW_ERROR_TYPE_ACTION, action,
+					  "the rule has no COUNT action");
+	auto *q = static_cast<struct rte_flow_query_count *>(data);
+	if (q == nullptr)
+		return rte_flow_error_set(error, EINVAL, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+					  "no query record");
+	if (q->reset) {
+		q->hits = r->hits.exchange(0, std::memory_order_relaxed);
+		q->bytes = r->bytes.exchange(0, std::memory_order_relaxed);
+	} else {
+		q->hits = r->hits.load(std::memory_order_relaxed);
+		q->bytes = r->bytes.load(std::memory_order_relaxed);
+	}
+	q->hits_set = 1;
+	q->bytes_set = 1;
+	return 0;
+}
+
+int flow_isolate(struct rte_eth_dev *, int, struct rte_flow_error *error)
+{
+	return rte_flow_error_set(error, ENOTSUP, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, nullptr,
+				  "isolated mode is not supported: unmatched traffic always reaches the port");
+}
+
+const struct rte_flow_ops flow_ops = {
+	.validate = flow_validate,
+	.create = flow_create,
+	.destroy = flow_destroy,
+	.flush = flow_flush,
+	.query = flow_query,
+	.isolate = flow_isolate,
+};
+
+} // namespace
+
 struct zorv_flow_ctx *ctx_of(struct rte_eth_dev *dev)
 {
 	struct zorv1_internal *internal = internal_of(dev);
-
 	if (internal == NULL)
 		return NULL;
 	return static_cast<struct zorv_flow_ctx *>(internal->comm.flow_data.ctx);
 }
 
-/* ---- rte_flow: nothing can be offloaded ---- */
-
-int flow_notsup(struct rte_flow_error *error)
-{
-	return rte_flow_error_set(error, ENOTSUP, RTE_FLOW_ERROR_TYPE_UNSPECIFIED, NULL,
-				  ZORV_FLOW_NOTSUP);
-}
-
-int zorv_flow_validate(struct rte_eth_dev *, const struct rte_flow_attr *,
-		       const struct rte_flow_item[], const struct rte_flow_action[],
-		       struct rte_flow_error *error)
-{
-	return flow_notsup(error);
-}
-
-struct rte_flow *zorv_flow_create(struct rte_eth_dev *, const struct rte_flow_attr *,
-				  const struct rte_flow_item[], const struct rte_flow_action[],
-				  struct rte_flow_error *error)
-{
-	flow_notsup(error);
-	return NULL;
-}
-
-int zorv_flow_destroy(struct rte_eth_dev *, struct rte_flow *, struct rte_flow_error *error)
-{
-	return flow_notsup(error);
-}
-
-int zorv_flow_flush(struct rte_eth_dev *, struct rte_flow_error *error)
-{
-	return flow_notsup(error);
-}
-
-int zorv_flow_query(struct rte_eth_dev *, struct rte_flow *, const struct rte_flow_action *,
-		    void *, struct rte_flow_error *error)
-{
-	return flow_notsup(error);
-}
-
-int zorv_flow_isolate(struct rte_eth_dev *, int, struct rte_flow_error *error)
-{
-	return flow_notsup(error);
-}
-
-const struct rte_flow_ops zorv_flow_ops = {
-	.validate = zorv_flow_validate,
-	.create = zorv_flow_create,
-	.destroy = zorv_flow_destroy,
-	.flush = zorv_flow_flush,
-	.query = zorv_flow_query,
-	.isolate = zorv_flow_isolate,
-};
-
-/* ---- rte_mtr: no meters ---- */
-
-int mtr_notsup(struct rte_mtr_error *error)
-{
-	return -rte_mtr_error_set(error, ENOTSUP, RTE_MTR_ERROR_TYPE_UNSPECIFIED, NULL,
-				  ZORV_MTR_NOTSUP);
-}
-
-int zorv_mtr_capabilities_get(struct rte_eth_dev *, struct rte_mtr_capabilities *,
-			      struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_profile_add(struct rte_eth_dev *, uint32_t, struct rte_mtr_meter_profile *,
-			 struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_id_op(struct rte_eth_dev *, uint32_t, struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_create(struct rte_eth_dev *, uint32_t, struct rte_mtr_params *, int,
-		    struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_profile_update(struct rte_eth_dev *, uint32_t, uint32_t,
-			    struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_stats_update(struct rte_eth_dev *, uint32_t, uint64_t,
-			  struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_stats_read(struct rte_eth_dev *, uint32_t, struct rte_mtr_stats *, uint64_t *,
-			int, struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_policy_validate(struct rte_eth_dev *, struct rte_mtr_meter_policy_params *,
-			     struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-int zorv_mtr_policy_add(struct rte_eth_dev *, uint32_t, struct rte_mtr_meter_policy_params *,
-			struct rte_mtr_error *error)
-{
-	return mtr_notsup(error);
-}
-
-const struct rte_mtr_ops zorv_mtr_ops = {
-	.capabilities_get = zorv_mtr_capabilities_get,
-	.meter_profile_add = zorv_mtr_profile_add,
-	.meter_profile_delete = zorv_mtr_id_op,
-	.create = zorv_mtr_create,
-	.destroy = zorv_mtr_id_op,
-	.meter_enable = zorv_mtr_id_op,
-	.meter_disable = zorv_mtr_id_op,
-	.meter_profile_update = zorv_mtr_profile_update,
-	.stats_update = zorv_mtr_stats_update,
-	.stats_read = zorv_mtr_stats_read,
-	.meter_policy_validate = zorv_mtr_policy_validate,
-	.meter_policy_add = zorv_mtr_policy_add,
-	.meter_policy_delete = zorv_mtr_id_op,
-	.meter_policy_update = zorv_mtr_profile_update,
-};
-
-} // namespace
+} // namespace zorv_flow
 
 extern "C" {
 
@@ -182,11 +339,11 @@ extern "C" {
  * with a fresh firmware state, and, when enable is non-zero, a flow context.
  * A second call keeps the existing context. 0 on success, -EINVAL without a
  * port record, -ENOMEM when the context cannot be allocated (the port keeps
- * its vNIC id and works without a context).
+ * its vNIC id and works without flow rules).
  */
 int zorv_flow_resource_init(struct rte_eth_dev *dev, int enable)
 {
-	struct zorv1_internal *internal = internal_of(dev);
+	struct zorv1_internal *internal = zorv_flow::internal_of(dev);
 
 	if (internal == NULL) {
 		ZORV1_VDEV_LOG(ERR, "flow init without a port record\n");
@@ -204,43 +361,62 @@ int zorv_flow_resource_init(struct rte_eth_dev *dev, int enable)
 	if (enable == 0)
 		return 0;
 
-	auto *ctx = static_cast<struct zorv_flow_ctx *>(rte_zmalloc_socket(
-		"zorv_flow_ctx", sizeof(struct zorv_flow_ctx), RTE_CACHE_LINE_SIZE,
-		dev->data->numa_node));
-	if (ctx == NULL) {
+	void *mem = rte_zmalloc_socket("zorv_flow_ctx", sizeof(struct zorv_flow_ctx),
+				       RTE_CACHE_LINE_SIZE, dev->data->numa_node);
+	if (mem == NULL) {
 		ZORV1_VDEV_LOG(ERR, "no memory for the flow context of port %u\n", port_id);
 		return -ENOMEM;
 	}
+	auto *ctx = new (mem) zorv_flow_ctx{};
+	pthread_mutex_init(&ctx->lock, NULL);
+	ctx->priv = priv;
 	ctx->port_id = port_id;
+	ctx->socket = dev->data->numa_node;
+	TAILQ_INIT(&ctx->rules);
+	TAILQ_INIT(&ctx->meters);
+	TAILQ_INIT(&ctx->profiles);
+	TAILQ_INIT(&ctx->policies);
 	priv->ctx = ctx;
-	priv->flags |= ZORV_FLOW_F_ACTIVE;
+	__atomic_fetch_or(&priv->flags, ZORV_FLOW_F_ACTIVE, __ATOMIC_RELEASE);
 	return 0;
 }
 
 /*
- * Free the port's flow context. Freeing a port that has none (never
- * enabled, failed init, or already freed) is not an error: 0. -EINVAL only
+ * Free the port's flow context with every rule, meter, profile and policy.
+ * The port's receive queues are stopped by then (close stops the port
+ * first). Freeing a port that has none is not an error: 0. -EINVAL only
  * without a port record.
  */
 int zorv_flow_resource_free(struct rte_eth_dev *dev)
 {
-	struct zorv1_internal *internal = internal_of(dev);
+	struct zorv1_internal *internal = zorv_flow::internal_of(dev);
 
 	if (internal == NULL)
 		return -EINVAL;
 
 	struct zorv_flow_priv *priv = &internal->comm.flow_data;
-	rte_free(priv->ctx);
+	auto *ctx = static_cast<struct zorv_flow_ctx *>(priv->ctx);
+	if (ctx != NULL) {
+		pthread_mutex_lock(&ctx->lock);
+		zorv_flow::flush_locked(ctx);
+		zorv_flow::mtr_free_all(ctx);
+		pthread_mutex_unlock(&ctx->lock);
+		pthread_mutex_destroy(&ctx->lock);
+		ctx->~zorv_flow_ctx();
+		rte_free(ctx);
+	}
 	priv->ctx = NULL;
-	priv->flags &= ~ZORV_FLOW_F_ACTIVE;
+	__atomic_fetch_and(&priv->flags, ~(ZORV_FLOW_F_ACTIVE | ZORV_FLOW_F_RULES),
+			   __ATOMIC_RELEASE);
 	return 0;
 }
 
 /*
- * Remember a VXLAN UDP port the application uses. 0 when recorded (or
- * already known); -EINVAL for a missing argument, port 0 or another tunnel
- * type; -ENODEV without a flow context; -ENOSPC when the port already has
- * ZORV_FLOW_MAX_VXLAN_PORTS.
+ * Announce a VXLAN UDP port: frames to it are parsed as VXLAN and pattern
+ * items can look inside. 0 when recorded (or already known); -EINVAL for a
+ * missing argument, port 0 or another tunnel type; -ENODEV without a flow
+ * context; -ENOSPC when the port already has ZORV_FLOW_MAX_VXLAN_PORTS;
+ * -ENOMEM when the rule table could not be rebuilt (the port is not added).
  */
 int zorv_dev_udp_tunnel_port_add(struct rte_eth_dev *dev, struct rte_eth_udp_tunnel *tunnel)
 {
@@ -252,9 +428,10 @@ int zorv_dev_udp_tunnel_port_add(struct rte_eth_dev *dev, struct rte_eth_udp_tun
 		return -EINVAL;
 	}
 
-	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	struct zorv_flow_ctx *ctx = zorv_flow::ctx_of(dev);
 	if (ctx == NULL)
 		return -ENODEV;
+	zorv_mutex_guard guard(ctx->lock);
 	for (uint16_t i = 0; i < ctx->nb_vxlan_ports; i++) {
 		if (ctx->vxlan_ports[i] == tunnel->udp_port)
 			return 0;
@@ -265,6 +442,10 @@ int zorv_dev_udp_tunnel_port_add(struct rte_eth_dev *dev, struct rte_eth_udp_tun
 		return -ENOSPC;
 	}
 	ctx->vxlan_ports[ctx->nb_vxlan_ports++] = tunnel->udp_port;
+	if (zorv_flow::republish(ctx) < 0) {
+		ctx->nb_vxlan_ports--;
+		return -ENOMEM;
+	}
 	ZORV1_VDEV_LOG(INFO, "port %u: vxlan udp port %u added\n", ctx->port_id,
 		       tunnel->udp_port);
 	return 0;
@@ -275,17 +456,7 @@ int zorv_dev_flow_ops_get(struct rte_eth_dev *dev, const struct rte_flow_ops **o
 	(void)dev;
 	if (ops == NULL)
 		return -EINVAL;
-	*ops = &zorv_flow_ops;
-	return 0;
-}
-
-/* ops is a struct rte_mtr_ops **; the table is never written through it. */
-int zorv_mtr_ops_get(struct rte_eth_dev *dev, void *ops)
-{
-	(void)dev;
-	if (ops == NULL)
-		return -EINVAL;
-	*static_cast<struct rte_mtr_ops **>(ops) = const_cast<struct rte_mtr_ops *>(&zorv_mtr_ops);
+	*ops = &zorv_flow::flow_ops;
 	return 0;
 }
 
@@ -294,12 +465,28 @@ int zorv_flow_get_vxlan_ports(struct rte_eth_dev *dev, uint16_t *ports, int max)
 	if (dev == NULL || (ports == NULL && max > 0) || max < 0)
 		return -EINVAL;
 
-	struct zorv_flow_ctx *ctx = ctx_of(dev);
+	struct zorv_flow_ctx *ctx = zorv_flow::ctx_of(dev);
 	if (ctx == NULL)
 		return 0;
+	zorv_mutex_guard guard(ctx->lock);
 	for (int i = 0; i < ctx->nb_vxlan_ports && i < max; i++)
 		ports[i] = ctx->vxlan_ports[i];
 	return ctx->nb_vxlan_ports;
+}
+
+int zorv_flow_stats_get(struct rte_eth_dev *dev, struct zorv_flow_stats *stats)
+{
+	if (dev == NULL || stats == NULL)
+		return -EINVAL;
+	struct zorv_flow_ctx *ctx = zorv_flow::ctx_of(dev);
+	if (ctx == NULL)
+		return -ENODEV;
+	stats->classified = ctx->st_classified.load(std::memory_order_relaxed);
+	stats->dropped = ctx->st_dropped.load(std::memory_order_relaxed);
+	stats->steered = ctx->st_steered.load(std::memory_order_relaxed);
+	stats->ring_full = ctx->st_ring_full.load(std::memory_order_relaxed);
+	stats->no_queue = ctx->st_no_queue.load(std::memory_order_relaxed);
+	return 0;
 }
 
 } // extern "C"

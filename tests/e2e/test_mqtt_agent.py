@@ -18,6 +18,8 @@ ZORV1_MQTT_TOPIC pointing at them. Checked:
 """
 import json
 import os
+import socket
+import threading
 import re
 import sys
 import time
@@ -32,6 +34,37 @@ ERR_DEV_PARSE = 1
 ERR_DEV_CHECK = 4
 # A probe that cannot report must not wait for the network.
 PROMPT_ATTACH_S = 1.5
+
+
+class SilentListener:
+    """A TCP listener on loopback that accepts connections and never says a
+    word: to a client it is a broker that does not answer."""
+
+    def __init__(self):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.sock.bind(("127.0.0.1", 0))
+        self.sock.listen(16)
+        self.address = "127.0.0.1:%d" % self.sock.getsockname()[1]
+        self.conns = []
+        self.done = False
+        self.thread = threading.Thread(target=self._accept, daemon=True)
+        self.thread.start()
+
+    def _accept(self):
+        self.sock.settimeout(0.2)
+        while not self.done:
+            try:
+                conn, _ = self.sock.accept()
+                self.conns.append(conn)
+            except OSError:
+                continue
+
+    def stop(self):
+        self.done = True
+        self.thread.join(timeout=2)
+        for c in self.conns:
+            c.close()
+        self.sock.close()
 
 
 def reports(sub, topic):
@@ -82,6 +115,7 @@ def scenario(args):
     topic = "zorv1/e2e/%d/report" % os.getpid()
     broker = e2e.Mosquitto()
     sub = None
+    silent = None
     try:
         broker.start()
         sub = e2e.Subscriber(broker.port, topic, os.path.join(run, "sub.out")).start()
@@ -161,10 +195,12 @@ def scenario(args):
             pmd.cmd("port close all")
             e2e.check(pmd.quit() == 0, "testpmd exit code %s" % pmd.proc.returncode)
 
-        # A broker that is not there at all (refused, or an address nothing
-        # answers): the first report waits at most for the first attempt.
+        # A broker that is not there at all (refused), or one that takes the
+        # connection and never answers it (a loopback listener that stays
+        # silent): the first report waits at most for the first attempt.
+        silent = SilentListener()
         for name, address in (("refused", "127.0.0.1:%d" % e2e.free_tcp_port()),
-                              ("unanswered", "192.0.2.1:1883")):
+                              ("unanswered", silent.address)):
             with e2e.Testpmd(args.lib, env={"ZORV1_MQTT_BROKER": address,
                                             "ZORV1_MQTT_TOPIC": topic},
                              vdevs=["net_zorv1,iface=%s,queues=1" % sock],
@@ -183,6 +219,8 @@ def scenario(args):
                 e2e.check(pmd.quit() == 0, "testpmd exit code %s" % pmd.proc.returncode)
                 e2e.check(time.monotonic() - t0 < 10, "exit held up by the %s broker" % name)
     finally:
+        if silent is not None:
+            silent.stop()
         if sub is not None:
             sub.stop()
         broker.stop()

@@ -40,6 +40,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -237,6 +239,7 @@ private:
 	bool start_locked();
 	void wait_first_attempt(std::chrono::steady_clock::time_point deadline);
 	void attempt_done();
+	static int starter_retry(mqtt_agent *self, struct mosquitto *mosq);
 	static void *starter_main(void *arg);
 	static void on_connect(struct mosquitto *mosq, void *obj, int rc);
 	static void on_disconnect(struct mosquitto *mosq, void *obj, int rc);
@@ -314,6 +317,29 @@ void mqtt_agent::on_disconnect(struct mosquitto *, void *obj, int rc)
 	self->attempt_done();
 }
 
+/*
+ * Retry a refused first connect with back-off (ZORV1_MQTT_RECONNECT_MIN_S
+ * doubling up to _MAX_S), looking every 100 ms whether the agent is being
+ * stopped. Returns MOSQ_ERR_SUCCESS once a connect is under way, or an error
+ * when the agent stops first.
+ */
+int mqtt_agent::starter_retry(mqtt_agent *self, struct mosquitto *mosq)
+{
+	unsigned int delay_ms = ZORV1_MQTT_RECONNECT_MIN_S * 1000;
+
+	for (;;) {
+		for (unsigned int waited = 0; waited < delay_ms; waited += 100) {
+			usleep(100 * 1000);
+			std::lock_guard<std::mutex> lk(self->life_mu_);
+			if (self->state_ != agent_state::running)
+				return MOSQ_ERR_INVAL;
+		}
+		if (mosquitto_reconnect_async(mosq) == MOSQ_ERR_SUCCESS)
+			return MOSQ_ERR_SUCCESS;
+		delay_ms = std::min(delay_ms * 2, (unsigned int)ZORV1_MQTT_RECONNECT_MAX_S * 1000);
+	}
+}
+
 void *mqtt_agent::starter_main(void *arg)
 {
 	auto *self = static_cast<mqtt_agent *>(arg);
@@ -350,6 +376,16 @@ void *mqtt_agent::starter_main(void *arg)
 			       self->host_.c_str(), self->port_,
 			       rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
 		self->attempt_done();
+		/*
+		 * libmosquitto's network thread only reconnects a client whose
+		 * connect once got under way: a connect refused at once has to be
+		 * retried here, with the same back-off, until the broker takes it.
+		 * Reports meanwhile fail (not connected) and are counted by their
+		 * callers; the wait is cut short when the agent is stopped.
+		 */
+		rc = starter_retry(self, mosq);
+		if (rc != MOSQ_ERR_SUCCESS)
+			goto err_client;
 	}
 	rc = mosquitto_loop_start(mosq);
 	if (rc != MOSQ_ERR_SUCCESS) {

@@ -16,7 +16,7 @@ pkgs=(
   clang libclang-rt-14-dev
   libmosquitto-dev mosquitto mosquitto-clients
   libjansson-dev
-  iproute2 iputils-ping netcat-openbsd python3
+  iproute2 iputils-ping netcat-openbsd python3 gnuplot-nox
   dpkg-dev xz-utils
 )
 missing=()

@@ -4,7 +4,7 @@
 # sanitizer report or wrong result a target detects.
 #   scripts/fuzz.sh [seconds]      seconds per target (default 60)
 #   ZORV_FUZZ_BUILD=<dir>          build tree (default ./build-fuzz)
-#   ZORV_FUZZ_TARGETS="probe_args diag_ops"   which targets (default all)
+#   ZORV_FUZZ_TARGETS="probe_args diag_ops card_tx"   which targets (default all)
 #   ZORV_FUZZ_JOBS=<n>             parallel build jobs (default 2)
 #   ZORV_FUZZ_CMAKE_ARGS="..."     more arguments for the configure step
 # New inputs are kept in <build>/fuzz-corpus/<target>; an input that fails is
@@ -14,7 +14,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 cd "$here"
 secs=${1:-60}
 build=${ZORV_FUZZ_BUILD:-$here/build-fuzz}
-targets=${ZORV_FUZZ_TARGETS:-probe_args diag_ops}
+targets=${ZORV_FUZZ_TARGETS:-probe_args diag_ops card_tx}
 jobs=${ZORV_FUZZ_JOBS:-2}
 
 case $secs in

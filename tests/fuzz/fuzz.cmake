@@ -4,6 +4,8 @@
 # makes one):
 #   fuzz_probe_args   device-argument strings through probe and remove
 #   fuzz_diag_ops     the diagnostics operations with any port name and qid
+#   fuzz_card_tx      the emulated card's software transmit offloads with any
+#                     frame, request, peer features and mbuf chain
 # and one test per target (label fuzz) that runs it for
 # ZORV_FUZZ_SMOKE_SECONDS from its seed corpus (tests/fuzz/corpus/<name>).
 # New inputs go to <build>/fuzz-corpus/<name>, crash inputs to
@@ -15,7 +17,7 @@
 
 set(ZORV_FUZZ_SMOKE_SECONDS 20 CACHE STRING "Seconds each fuzz target runs as a test")
 set(ZORV_FUZZ_DIR ${CMAKE_SOURCE_DIR}/tests/fuzz)
-set(ZORV_FUZZ_TARGETS probe_args diag_ops)
+set(ZORV_FUZZ_TARGETS probe_args diag_ops card_tx)
 
 if(ZORV_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
@@ -49,12 +51,39 @@ if(ZORV_FUZZ)
   target_compile_options(zorv_fuzz_support PRIVATE ${ZORV_WARNINGS} ${ZORV_FUZZ_CFLAGS})
   target_link_libraries(zorv_fuzz_support PUBLIC zorv_dpdk GTest::gtest Threads::Threads)
 
+  # The emulated card alone, built as the services are, for fuzz_card_tx: the
+  # target stubs the card's few links into the port and the firmware, and
+  # takes only the fakes' registry (log types) and the shared start-up.
+  add_library(zorv_fuzz_card OBJECT ${CMAKE_SOURCE_DIR}/drivers/common/zorv/zorv_vhost_card.cpp)
+  target_include_directories(zorv_fuzz_card PUBLIC
+    ${CMAKE_SOURCE_DIR}/drivers/net/zorv1 ${CMAKE_SOURCE_DIR}/drivers/common/zorv)
+  target_compile_options(zorv_fuzz_card PRIVATE ${ZORV_WARNINGS} -fno-exceptions -fno-rtti
+    ${ZORV_FUZZ_CFLAGS})
+  target_link_libraries(zorv_fuzz_card PUBLIC zorv_dpdk)
+
+  add_library(zorv_fuzz_env OBJECT
+    ${CMAKE_SOURCE_DIR}/tests/fakes/zorv_fakes.cpp ${ZORV_FUZZ_DIR}/zorv_fuzz_env.cpp)
+  target_include_directories(zorv_fuzz_env PUBLIC
+    ${CMAKE_SOURCE_DIR}/drivers/net/zorv1 ${CMAKE_SOURCE_DIR}/drivers/common/zorv
+    ${CMAKE_SOURCE_DIR}/tests/fakes ${CMAKE_SOURCE_DIR}/tests/harness ${ZORV_FUZZ_DIR})
+  target_compile_options(zorv_fuzz_env PRIVATE ${ZORV_WARNINGS} ${ZORV_FUZZ_CFLAGS})
+  target_link_libraries(zorv_fuzz_env PUBLIC zorv_dpdk GTest::gtest Threads::Threads)
+
+  # What each target links besides its own source.
+  set(zorv_fuzz_objs_probe_args $<TARGET_OBJECTS:zorv_fuzz_driver> $<TARGET_OBJECTS:zorv_fuzz_support>)
+  set(zorv_fuzz_libs_probe_args zorv_fuzz_support)
+  set(zorv_fuzz_objs_diag_ops ${zorv_fuzz_objs_probe_args})
+  set(zorv_fuzz_libs_diag_ops zorv_fuzz_support)
+  set(zorv_fuzz_objs_card_tx $<TARGET_OBJECTS:zorv_fuzz_card> $<TARGET_OBJECTS:zorv_fuzz_env>)
+  set(zorv_fuzz_libs_card_tx zorv_fuzz_env rte_vhost)
+
   foreach(t ${ZORV_FUZZ_TARGETS})
-    add_executable(fuzz_${t} ${ZORV_FUZZ_DIR}/fuzz_${t}.cpp
-      $<TARGET_OBJECTS:zorv_fuzz_driver> $<TARGET_OBJECTS:zorv_fuzz_support>)
+    add_executable(fuzz_${t} ${ZORV_FUZZ_DIR}/fuzz_${t}.cpp ${zorv_fuzz_objs_${t}})
     target_compile_options(fuzz_${t} PRIVATE ${ZORV_WARNINGS} ${ZORV_FUZZ_CFLAGS})
     target_link_options(fuzz_${t} PRIVATE ${ZORV_FUZZ_LDFLAGS})
-    target_link_libraries(fuzz_${t} PRIVATE zorv_fuzz_support)
+    target_link_libraries(fuzz_${t} PRIVATE ${zorv_fuzz_libs_${t}})
+    # At the top of the build tree, where scripts/fuzz.sh runs them.
+    set_target_properties(fuzz_${t} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
 
     file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz-corpus/${t} ${CMAKE_BINARY_DIR}/fuzz-artifacts)
     add_test(NAME fuzz_${t}

@@ -5,7 +5,9 @@
  * Covers socket naming and registration, connection binding and link,
  * contents, transmit checksum and TSO offloads with and without the peer's
  * virtio offload features, the firmware MTU, held transmit mbufs, queue
- * pairs, disconnect, reconnect and close while connected.
+ * pairs, disconnect, reconnect and close while connected. The card's
+ * transmit offload routines are also driven on their own, over header
+ * layouts, chains cut anywhere and requests the frame does not support.
  */
 #include <signal.h>
 #include <sys/socket.h>
@@ -123,20 +125,25 @@ struct FrameShape {
 	uint32_t payload = 100;
 	uint8_t seed = 1;
 	std::optional<uint16_t> vlan;
+	bool qinq = false;    /* an outer 802.1ad tag in front of vlan */
+	uint8_t ip_opts = 0;  /* bytes of IPv4 options (multiple of 4) */
+	uint16_t v6_ext = 0;  /* bytes of an IPv6 hop-by-hop header (multiple of 8, <= 2048) */
+	uint8_t tcp_opts = 0; /* bytes of TCP options (multiple of 4) */
+	uint8_t pad = 0;      /* Ethernet padding after the IP packet */
 	uint8_t tcp_flags = RTE_TCP_ACK_FLAG | RTE_TCP_PSH_FLAG;
 };
 
 uint16_t L2Len(const FrameShape &s)
 {
-	return s.vlan ? 18 : 14;
+	return 14 + (s.vlan ? 4 : 0) + (s.vlan && s.qinq ? 4 : 0);
 }
 uint16_t L3Len(const FrameShape &s)
 {
-	return s.v6 ? 40 : 20;
+	return s.v6 ? 40 + s.v6_ext : 20 + s.ip_opts;
 }
 uint16_t L4Len(const FrameShape &s)
 {
-	return s.tcp ? 20 : 8;
+	return s.tcp ? 20 + s.tcp_opts : 8;
 }
 uint16_t HdrLen(const FrameShape &s)
 {
@@ -201,10 +208,10 @@ void FillChecksums(Bytes &f, const FrameShape &s)
 	size_t l4 = l3 + L3Len(s);
 	if (!s.v6) {
 		Put16(f, l3 + 10, 0);
-		Put16(f, l3 + 10, static_cast<uint16_t>(~Fold(Sum(&f[l3], 20))));
+		Put16(f, l3 + 10, static_cast<uint16_t>(~Fold(Sum(&f[l3], L3Len(s)))));
 	}
 	Put16(f, L4CksumOff(s), 0);
-	uint32_t l4_len = static_cast<uint32_t>(f.size() - l4);
+	uint32_t l4_len = static_cast<uint32_t>(f.size() - l4 - s.pad);
 	uint16_t ck = static_cast<uint16_t>(~Fold(Sum(&f[l4], l4_len, PseudoSum(f, s, l4_len))));
 	if (!s.tcp && ck == 0)
 		ck = 0xffff;
@@ -215,11 +222,17 @@ void FillChecksums(Bytes &f, const FrameShape &s)
 Bytes BuildFrame(const FrameShape &s)
 {
 	Bytes f(HdrLen(s) + s.payload);
+	f.insert(f.end(), s.pad, 0xee); /* padding that a checksum must not cover */
 	const uint8_t dst[6] = {0x02, 0, 0, 0, 0, 0x02};
 	const uint8_t src[6] = {0x02, 0, 0, 0, 0, 0x01};
 	memcpy(&f[0], dst, 6);
 	memcpy(&f[6], src, 6);
 	size_t off = 12;
+	if (s.vlan && s.qinq) {
+		Put16(f, off, RTE_ETHER_TYPE_QINQ);
+		Put16(f, off + 2, 0x0fed);
+		off += 4;
+	}
 	if (s.vlan) {
 		Put16(f, off, RTE_ETHER_TYPE_VLAN);
 		Put16(f, off + 2, *s.vlan);
@@ -227,24 +240,40 @@ Bytes BuildFrame(const FrameShape &s)
 	}
 	Put16(f, off, s.v6 ? RTE_ETHER_TYPE_IPV6 : RTE_ETHER_TYPE_IPV4);
 	size_t l3 = off + 2;
+	uint8_t proto = s.tcp ? IPPROTO_TCP : IPPROTO_UDP;
 	uint32_t l4_len = L4Len(s) + s.payload;
 	if (s.v6) {
 		f[l3] = 0x60;
-		Put16(f, l3 + 4, static_cast<uint16_t>(l4_len));
-		f[l3 + 6] = s.tcp ? IPPROTO_TCP : IPPROTO_UDP;
+		Put16(f, l3 + 4, static_cast<uint16_t>(s.v6_ext + l4_len));
+		f[l3 + 6] = s.v6_ext != 0 ? static_cast<uint8_t>(IPPROTO_HOPOPTS) : proto;
 		f[l3 + 7] = 64;
 		for (int i = 0; i < 16; i++) {
 			f[l3 + 8 + i] = static_cast<uint8_t>(0x20 + i);
 			f[l3 + 24 + i] = static_cast<uint8_t>(0x40 + i);
 		}
+		if (s.v6_ext != 0) {
+			/* Next header, length in 8-byte units past the first, then PadN options. */
+			size_t e = l3 + 40;
+			f[e] = proto;
+			f[e + 1] = static_cast<uint8_t>(s.v6_ext / 8 - 1);
+			for (size_t o = e + 2; o < e + s.v6_ext;) {
+				size_t n = std::min<size_t>(e + s.v6_ext - o - 2, 255);
+				f[o] = 1;
+				f[o + 1] = static_cast<uint8_t>(n);
+				std::fill(f.begin() + o + 2, f.begin() + o + 2 + n, 0);
+				o += n + 2;
+			}
+		}
 	} else {
-		f[l3] = 0x45;
-		Put16(f, l3 + 2, static_cast<uint16_t>(20 + l4_len));
+		f[l3] = static_cast<uint8_t>(0x40 | L3Len(s) / 4);
+		Put16(f, l3 + 2, static_cast<uint16_t>(L3Len(s) + l4_len));
 		Put16(f, l3 + 4, 0x1000 + s.seed);
 		f[l3 + 8] = 64;
-		f[l3 + 9] = s.tcp ? IPPROTO_TCP : IPPROTO_UDP;
+		f[l3 + 9] = proto;
 		Put32(f, l3 + 12, 0x0a000001);
 		Put32(f, l3 + 16, 0x0a000002);
+		for (size_t i = 0; i < s.ip_opts; i++)
+			f[l3 + 20 + i] = 1; /* no-operation */
 	}
 	size_t l4 = l3 + L3Len(s);
 	Put16(f, l4, 1000 + s.seed);
@@ -252,9 +281,11 @@ Bytes BuildFrame(const FrameShape &s)
 	if (s.tcp) {
 		Put32(f, l4 + 4, 0x10000000u + s.seed);
 		Put32(f, l4 + 8, 0x20000000u);
-		f[l4 + 12] = 5 << 4;
+		f[l4 + 12] = static_cast<uint8_t>((L4Len(s) / 4) << 4);
 		f[l4 + 13] = s.tcp_flags;
 		Put16(f, l4 + 14, 0xffff);
+		for (size_t i = 0; i < s.tcp_opts; i++)
+			f[l4 + 20 + i] = 1; /* no-operation */
 	} else {
 		Put16(f, l4 + 4, static_cast<uint16_t>(l4_len));
 	}
@@ -278,9 +309,9 @@ std::vector<Bytes> ExpectedSegments(const Bytes &f, const FrameShape &s, uint32_
 		Bytes g(f.begin(), f.begin() + hdr);
 		g.insert(g.end(), f.begin() + hdr + i * mss, f.begin() + hdr + i * mss + len);
 		if (s.v6) {
-			Put16(g, l3 + 4, static_cast<uint16_t>(L4Len(s) + len));
+			Put16(g, l3 + 4, static_cast<uint16_t>(s.v6_ext + L4Len(s) + len));
 		} else {
-			Put16(g, l3 + 2, static_cast<uint16_t>(20 + L4Len(s) + len));
+			Put16(g, l3 + 2, static_cast<uint16_t>(L3Len(s) + L4Len(s) + len));
 			Put16(g, l3 + 4, static_cast<uint16_t>(Get16(f, l3 + 4) + i));
 		}
 		Put32(g, l4 + 4, Get32(f, l4 + 4) + i * mss);
@@ -333,6 +364,90 @@ Bytes FromMbuf(const struct rte_mbuf *m)
 	return b;
 }
 
+/* An mbuf chain holding f, cut at the given ascending offsets. */
+struct rte_mbuf *ToChain(struct rte_mempool *pool, const Bytes &f, std::vector<uint32_t> cuts)
+{
+	cuts.push_back(static_cast<uint32_t>(f.size()));
+	struct rte_mbuf *head = nullptr;
+	struct rte_mbuf *last = nullptr;
+	uint32_t from = 0;
+	for (uint32_t to : cuts) {
+		struct rte_mbuf *m = rte_pktmbuf_alloc(pool);
+		if (m == nullptr || to < from || to > f.size()) {
+			rte_pktmbuf_free(m);
+			rte_pktmbuf_free(head);
+			ADD_FAILURE() << "cannot build the chain";
+			return nullptr;
+		}
+		uint16_t n = static_cast<uint16_t>(to - from);
+		char *dst = rte_pktmbuf_append(m, n);
+		if (dst == nullptr) {
+			rte_pktmbuf_free(m);
+			rte_pktmbuf_free(head);
+			ADD_FAILURE() << "a piece of " << n << " bytes does not fit an mbuf";
+			return nullptr;
+		}
+		memcpy(dst, f.data() + from, n);
+		if (head == nullptr) {
+			head = m;
+		} else {
+			last->next = m;
+			head->nb_segs++;
+			head->pkt_len += n;
+		}
+		last = m;
+		from = to;
+	}
+	return head;
+}
+
+/* Ask for the offloads of s by the mbuf's flags and lengths alone. */
+void RequestOffloads(struct rte_mbuf *m, const FrameShape &s)
+{
+	m->l2_len = L2Len(s);
+	m->l3_len = L3Len(s);
+	m->l4_len = L4Len(s);
+	m->ol_flags |= s.v6 ? RTE_MBUF_F_TX_IPV6 : RTE_MBUF_F_TX_IPV4 | RTE_MBUF_F_TX_IP_CKSUM;
+	m->ol_flags |= s.tcp ? RTE_MBUF_F_TX_TCP_CKSUM : RTE_MBUF_F_TX_UDP_CKSUM;
+}
+
+/* Spoil the checksum fields of frame f of shape s. */
+void SpoilChecksums(Bytes &f, const FrameShape &s)
+{
+	Put16(f, L4CksumOff(s), 0x1234);
+	if (!s.v6)
+		Put16(f, L2Len(s) + 10, 0xabcd);
+}
+
+/* Fill what follows the data of every segment of a chain with pat. */
+void FillTailroom(struct rte_mbuf *m, uint8_t pat)
+{
+	for (; m != nullptr; m = m->next)
+		memset(rte_pktmbuf_mtod_offset(m, uint8_t *, m->data_len), pat,
+		       rte_pktmbuf_tailroom(m));
+}
+
+/* Where the first byte after the data of a segment differs from pat, if anywhere. */
+::testing::AssertionResult TailroomIntact(const struct rte_mbuf *m, uint8_t pat)
+{
+	for (int i = 0; m != nullptr; m = m->next, i++) {
+		const uint8_t *p = rte_pktmbuf_mtod_offset(m, const uint8_t *, m->data_len);
+		for (uint16_t k = 0; k < rte_pktmbuf_tailroom(m); k++)
+			if (p[k] != pat)
+				return ::testing::AssertionFailure()
+				       << "segment " << i << " (" << m->data_len
+				       << " bytes of data) was written at data + " << k;
+	}
+	return ::testing::AssertionSuccess();
+}
+
+/* Take one more reference on every segment, so that the chain outlives its transmission. */
+void KeepRef(struct rte_mbuf *m)
+{
+	for (; m != nullptr; m = m->next)
+		rte_mbuf_refcnt_update(m, 1);
+}
+
 /* Ask for the checksums of s in software-offload form and spoil the fields. */
 void RequestChecksums(struct rte_mbuf *m, const FrameShape &s)
 {
@@ -373,8 +488,10 @@ void CompletePartialChecksum(Bytes &f, const FrameShape &s)
 	r << "got " << got.size() << " bytes, want " << want.size();
 	for (size_t i = 0; i < std::min(got.size(), want.size()); i++) {
 		if (got[i] != want[i]) {
-			r << "; first difference at byte " << i << ": got 0x" << std::hex
-			  << int(got[i]) << " want 0x" << int(want[i]) << std::dec;
+			char diff[96];
+			snprintf(diff, sizeof(diff), "; first difference at byte %zu: got 0x%02x want 0x%02x",
+				 i, got[i], want[i]);
+			r << diff;
 			break;
 		}
 	}
@@ -639,6 +756,465 @@ TEST(CardSetDevPort, AcceptsFunctionsOneTo8191Only)
 	EXPECT_NE(zorv_set_dev_port(nullptr, 5), 0);
 	zorv1_dev_sfi_unmap_port(1);
 	zorv1_dev_sfi_unmap_port(8191);
+}
+
+/* ---- The card's transmit offload routines on their own ---- */
+
+using zorv_test::MbufPtr;
+
+constexpr uint64_t kNoFeatures = 0;
+constexpr uint64_t kOffloadFlags = RTE_MBUF_F_TX_IP_CKSUM | RTE_MBUF_F_TX_L4_MASK |
+				   RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_IPV4 | RTE_MBUF_F_TX_IPV6;
+
+std::string Describe(const FrameShape &s)
+{
+	std::string d = s.v6 ? "v6" : "v4";
+	d += s.tcp ? " tcp" : " udp";
+	if (s.vlan)
+		d += s.qinq ? " qinq" : " vlan";
+	if (s.ip_opts != 0)
+		d += " ip_opts " + std::to_string(s.ip_opts);
+	if (s.v6_ext != 0)
+		d += " v6_ext " + std::to_string(s.v6_ext);
+	if (s.tcp_opts != 0)
+		d += " tcp_opts " + std::to_string(s.tcp_opts);
+	if (s.pad != 0)
+		d += " pad " + std::to_string(s.pad);
+	return d + " payload " + std::to_string(s.payload);
+}
+
+/* Shapes over the header layouts the card parses. */
+std::vector<FrameShape> LayoutShapes(bool tcp_only)
+{
+	std::vector<FrameShape> out;
+	for (bool v6 : {false, true}) {
+		for (bool tcp : {false, true}) {
+			if (tcp_only && !tcp)
+				continue;
+			for (int layout = 0; layout < 5; layout++) {
+				FrameShape s;
+				s.v6 = v6;
+				s.tcp = tcp;
+				s.payload = 200 + 37 * layout;
+				s.seed = static_cast<uint8_t>(out.size());
+				if (layout == 1)
+					s.vlan = 0x0123;
+				if (layout == 2) {
+					s.vlan = 0x0456;
+					s.qinq = true;
+				}
+				if (layout == 3) {
+					s.ip_opts = v6 ? 0 : 12;
+					s.v6_ext = v6 ? 16 : 0;
+				}
+				if (layout == 4 && tcp)
+					s.tcp_opts = 12;
+				out.push_back(s);
+			}
+		}
+	}
+	return out;
+}
+
+/* Cut points over the headers of s: inside L2, L3, the L4 header and its checksum field. */
+std::vector<std::vector<uint32_t>> HeaderCuts(const FrameShape &s)
+{
+	uint32_t l3 = L2Len(s);
+	uint32_t l4 = l3 + L3Len(s);
+	uint32_t ck = static_cast<uint32_t>(L4CksumOff(s));
+	return {{}, {5}, {l3 + 7}, {l4}, {ck + 1}, {l4 + 1, ck, HdrLen(s) + 3u}};
+}
+
+class CardTxOffload : public ::testing::Test {
+protected:
+	void TearDown() override { EXPECT_EQ(pool_.InUse(), 0u) << "mbufs leaked"; }
+
+	zorv_test::MbufPool pool_{1023};
+};
+
+TEST_F(CardTxOffload, ChecksumsAreFilledBehindEveryHeaderLayoutAndAnyCut)
+{
+	for (const FrameShape &s : LayoutShapes(false)) {
+		Bytes want = BuildFrame(s);
+		for (const auto &cuts : HeaderCuts(s)) {
+			Bytes f = want;
+			SpoilChecksums(f, s);
+			MbufPtr m(ToChain(pool_, f, cuts));
+			ASSERT_TRUE(m);
+			RequestOffloads(m.get(), s);
+			EXPECT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_AS_IS)
+				<< Describe(s);
+			EXPECT_TRUE(SameFrame(FromMbuf(m.get()), want))
+				<< Describe(s) << ", " << cuts.size() << " cuts";
+			EXPECT_EQ(m->ol_flags & kOffloadFlags, 0u) << "nothing left for the peer";
+		}
+	}
+}
+
+TEST_F(CardTxOffload, AChecksumCoversTheIpLengthNotTheEthernetPadding)
+{
+	for (bool tcp : {false, true}) {
+		FrameShape s;
+		s.tcp = tcp;
+		s.payload = 2;
+		s.pad = static_cast<uint8_t>(60 - HdrLen(s) - s.payload);
+		Bytes want = BuildFrame(s);
+		ASSERT_EQ(want.size(), 60u);
+		Bytes f = want;
+		SpoilChecksums(f, s);
+		MbufPtr m(ToChain(pool_, f, {}));
+		RequestOffloads(m.get(), s);
+		EXPECT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_AS_IS);
+		EXPECT_TRUE(SameFrame(FromMbuf(m.get()), want)) << (tcp ? "tcp" : "udp");
+	}
+}
+
+TEST_F(CardTxOffload, TheFrameDecidesTheHeaderLengthsNotTheMbuf)
+{
+	FrameShape s;
+	s.tcp = true;
+	s.vlan = 0x0042;
+	s.ip_opts = 8;
+	s.tcp_opts = 4;
+	Bytes want = BuildFrame(s);
+	for (uint16_t wrong : {0, 1, 7, 127}) {
+		Bytes f = want;
+		SpoilChecksums(f, s);
+		MbufPtr m(ToChain(pool_, f, {}));
+		RequestOffloads(m.get(), s);
+		m->l2_len = wrong;
+		m->l3_len = wrong;
+		m->l4_len = wrong & 0xff;
+		EXPECT_EQ(zorv_card_tx_prepare(kGuestCsum, m.get()), ZORV_CARD_TX_AS_IS);
+		EXPECT_EQ(m->l2_len, L2Len(s));
+		EXPECT_EQ(m->l3_len, L3Len(s));
+		EXPECT_EQ(m->l4_len, L4Len(s));
+		EXPECT_EQ(m->ol_flags & kOffloadFlags, RTE_MBUF_F_TX_TCP_CKSUM | RTE_MBUF_F_TX_IPV4);
+		/* The peer completes the checksum from the pseudo-header sum. */
+		Bytes got = FromMbuf(m.get());
+		size_t l4 = L2Len(s) + L3Len(s);
+		EXPECT_EQ(Get16(got, L4CksumOff(s)), Fold(PseudoSum(got, s, got.size() - l4)));
+		CompletePartialChecksum(got, s);
+		EXPECT_TRUE(SameFrame(got, want)) << "mbuf lengths " << wrong;
+	}
+}
+
+TEST_F(CardTxOffload, APeerWithGuestCsumIsHandedTheL4ChecksumsOfEveryLayout)
+{
+	for (const FrameShape &s : LayoutShapes(false)) {
+		Bytes want = BuildFrame(s);
+		Bytes f = want;
+		SpoilChecksums(f, s);
+		MbufPtr m(ToChain(pool_, f, {static_cast<uint32_t>(L4CksumOff(s)) + 1}));
+		RequestOffloads(m.get(), s);
+		ASSERT_EQ(zorv_card_tx_prepare(kGuestCsum, m.get()), ZORV_CARD_TX_AS_IS);
+		uint64_t want_flags = (s.tcp ? RTE_MBUF_F_TX_TCP_CKSUM : RTE_MBUF_F_TX_UDP_CKSUM) |
+				      (s.v6 ? RTE_MBUF_F_TX_IPV6 : RTE_MBUF_F_TX_IPV4);
+		EXPECT_EQ(m->ol_flags & kOffloadFlags, want_flags) << Describe(s);
+		EXPECT_EQ(m->l2_len + m->l3_len, L2Len(s) + L3Len(s)) << "csum_start";
+		Bytes got = FromMbuf(m.get());
+		CompletePartialChecksum(got, s);
+		EXPECT_TRUE(SameFrame(got, want)) << Describe(s);
+	}
+}
+
+/*
+ * The peer finds the L4 header through the mbuf's l3_len, 9 bits wide:
+ * behind longer IPv6 extension headers the card fills the checksum itself.
+ */
+TEST_F(CardTxOffload, ChecksumsBehindExtensionHeadersTooLongForTheMbufAreFilledHere)
+{
+	for (bool tcp : {false, true}) {
+		FrameShape s;
+		s.v6 = true;
+		s.tcp = tcp;
+		s.v6_ext = 600;
+		ASSERT_GT(L3Len(s), 511);
+		Bytes want = BuildFrame(s);
+		Bytes f = want;
+		SpoilChecksums(f, s);
+		MbufPtr m(ToChain(pool_, f, {}));
+		RequestOffloads(m.get(), s);
+		EXPECT_EQ(zorv_card_tx_prepare(kGuestCsum | kGuestTso6, m.get()), ZORV_CARD_TX_AS_IS);
+		EXPECT_EQ(m->ol_flags & kOffloadFlags, 0u) << "nothing left for the peer";
+		EXPECT_TRUE(SameFrame(FromMbuf(m.get()), want)) << (tcp ? "tcp" : "udp");
+	}
+}
+
+/* A request the frame does not support: the frame goes as it is. */
+struct Malformed {
+	const char *what;
+	FrameShape shape;
+	std::function<void(Bytes &, const FrameShape &)> frame; /* spoil the frame */
+	std::function<void(struct rte_mbuf *)> mbuf;            /* change the request */
+	uint64_t features = kNoFeatures;
+};
+
+TEST_F(CardTxOffload, RequestsTheFrameDoesNotSupportLeaveItAsItIs)
+{
+	FrameShape tcp4;
+	tcp4.tcp = true;
+	FrameShape udp4;
+	FrameShape tcp6 = tcp4;
+	tcp6.v6 = true;
+	FrameShape udp6 = udp4;
+	udp6.v6 = true;
+	FrameShape big = tcp4;
+	big.payload = 1000;
+	FrameShape huge = tcp4;
+	huge.payload = 65600;
+	FrameShape long6 = tcp6;
+	long6.v6_ext = 200;
+	long6.tcp_opts = 40;
+	long6.payload = 3000;
+	FrameShape ext6 = tcp6;
+	ext6.v6_ext = 512;
+	ext6.payload = 3000;
+	auto l3 = [](const FrameShape &s) { return static_cast<size_t>(L2Len(s)); };
+	auto l4 = [](const FrameShape &s) { return static_cast<size_t>(L2Len(s) + L3Len(s)); };
+	auto tso = [](uint16_t mss) {
+		return [mss](struct rte_mbuf *m) {
+			m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+			m->tso_segsz = mss;
+		};
+	};
+	auto flags = [](uint64_t set, uint64_t clear) {
+		return [set, clear](struct rte_mbuf *m) {
+			m->ol_flags = (m->ol_flags & ~clear) | set;
+		};
+	};
+
+	std::vector<Malformed> cases = {
+		{"tcp data offset 0", tcp4, [&](Bytes &f, const FrameShape &s) { f[l4(s) + 12] = 0; }},
+		{"tcp data offset 4", tcp6, [&](Bytes &f, const FrameShape &s) { f[l4(s) + 12] = 0x40; }},
+		{"tcp data offset 4, tso", big,
+		 [&](Bytes &f, const FrameShape &s) { f[l4(s) + 12] = 0x40; }, tso(300)},
+		{"tcp options past the frame", tcp4,
+		 [&](Bytes &f, const FrameShape &s) { f.resize(l4(s) + 20); f[l4(s) + 12] = 0xf0; }},
+		{"udp header cut short", udp4, [&](Bytes &f, const FrameShape &s) { f.resize(l4(s) + 4); }},
+		{"ipv4 total length past the frame", udp4,
+		 [&](Bytes &f, const FrameShape &s) { Put16(f, l3(s) + 2, Get16(f, l3(s) + 2) + 1); }},
+		{"ipv4 total length short of the headers", tcp4,
+		 [&](Bytes &f, const FrameShape &s) { Put16(f, l3(s) + 2, 39); }},
+		{"ipv4 options past the frame", udp4,
+		 [&](Bytes &f, const FrameShape &s) { f[l3(s)] = 0x4f; f.resize(l3(s) + 40); },
+		 flags(0, RTE_MBUF_F_TX_L4_MASK)},
+		{"ipv6 payload length past the frame", tcp6,
+		 [&](Bytes &f, const FrameShape &s) { Put16(f, l3(s) + 4, Get16(f, l3(s) + 4) + 2); }},
+		{"ipv6 payload length 0", udp6, [&](Bytes &f, const FrameShape &s) { Put16(f, l3(s) + 4, 0); }},
+		{"tcp checksum of a udp frame", udp4, nullptr,
+		 flags(RTE_MBUF_F_TX_TCP_CKSUM, RTE_MBUF_F_TX_L4_MASK)},
+		{"udp checksum of a tcp frame", tcp6, nullptr,
+		 flags(RTE_MBUF_F_TX_UDP_CKSUM, RTE_MBUF_F_TX_L4_MASK)},
+		{"ipv4 checksum of an ipv6 frame", udp6, nullptr, flags(RTE_MBUF_F_TX_IP_CKSUM, 0)},
+		{"ipv4 checksum of an arp frame", udp4,
+		 [&](Bytes &f, const FrameShape &) { Put16(f, 12, RTE_ETHER_TYPE_ARP); }},
+		{"udp checksum of a fragment", udp4,
+		 [&](Bytes &f, const FrameShape &s) { f[l3(s) + 6] = 0x20; }},
+		{"tso with mss 0", big, nullptr, tso(0)},
+		{"tso with mss 0 on a short frame", tcp4, nullptr, tso(0)},
+		{"tso into more segments than the card makes", big, nullptr, tso(3)},
+		{"tso segments longer than ip allows", huge, nullptr, tso(65500)},
+		{"tso headers longer than the card segments behind", long6, nullptr, tso(1000)},
+		{"tso behind extension headers too long for the peer and the card", ext6, nullptr,
+		 tso(1000), kGuestCsum | kGuestTso4 | kGuestTso6},
+	};
+	for (const Malformed &c : cases) {
+		Bytes f = BuildFrame(c.shape);
+		if (c.frame)
+			c.frame(f, c.shape);
+		uint32_t piece = f.size() > 2000 ? 2000 : 0;
+		MbufPtr m(piece != 0 ? ToMbuf(pool_, f, piece) : ToChain(pool_, f, {}));
+		ASSERT_TRUE(m) << c.what;
+		RequestOffloads(m.get(), c.shape);
+		if (c.mbuf)
+			c.mbuf(m.get());
+		EXPECT_EQ(zorv_card_tx_prepare(c.features, m.get()), -EINVAL) << c.what;
+		EXPECT_TRUE(SameFrame(FromMbuf(m.get()), f)) << c.what;
+		EXPECT_EQ(m->ol_flags & kOffloadFlags, 0u) << c.what << ": the request stays";
+		struct rte_mbuf *seg = nullptr;
+		EXPECT_EQ(zorv_card_tx_segments(pool_, m.get(), &seg, 1), -EINVAL) << c.what;
+	}
+}
+
+TEST_F(CardTxOffload, OtherRequestsOfAFrameWithoutL4HeadersAreCarriedOut)
+{
+	/* An IPv4 fragment: its header checksum is all there is to fill. */
+	FrameShape s;
+	Bytes want = BuildFrame(s);
+	size_t l3 = L2Len(s);
+	want[l3 + 6] = 0x20;
+	Put16(want, l3 + 10, 0);
+	Put16(want, l3 + 10, static_cast<uint16_t>(~Fold(Sum(&want[l3], 20))));
+	Bytes f = want;
+	Put16(f, l3 + 10, 0x5555);
+	MbufPtr m(ToChain(pool_, f, {static_cast<uint32_t>(l3) + 11}));
+	RequestOffloads(m.get(), s);
+	m->ol_flags &= ~RTE_MBUF_F_TX_L4_MASK;
+	EXPECT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_AS_IS);
+	EXPECT_TRUE(SameFrame(FromMbuf(m.get()), want));
+
+	/* Requests the port does not offer are dropped without touching the frame. */
+	FrameShape u;
+	Bytes g = BuildFrame(u);
+	MbufPtr n(ToChain(pool_, g, {}));
+	n->ol_flags = RTE_MBUF_F_TX_SCTP_CKSUM | RTE_MBUF_F_TX_UDP_SEG | RTE_MBUF_F_TX_IPV4;
+	EXPECT_EQ(zorv_card_tx_prepare(kNoFeatures, n.get()), ZORV_CARD_TX_AS_IS);
+	EXPECT_TRUE(SameFrame(FromMbuf(n.get()), g));
+	EXPECT_EQ(n->ol_flags & (kOffloadFlags | RTE_MBUF_F_TX_UDP_SEG), 0u);
+}
+
+/* Segment m into a vector; the segments are freed when the test's pool checks. */
+std::vector<Bytes> Segment(struct rte_mempool *pool, const struct rte_mbuf *m, int *ret)
+{
+	std::vector<struct rte_mbuf *> segs(ZORV_CARD_TSO_SEGS_MAX);
+	*ret = zorv_card_tx_segments(pool, m, segs.data(), static_cast<uint32_t>(segs.size()));
+	std::vector<Bytes> out;
+	for (int i = 0; i < *ret; i++) {
+		out.push_back(FromMbuf(segs[i]));
+		rte_pktmbuf_free(segs[i]);
+	}
+	return out;
+}
+
+TEST_F(CardTxOffload, TsoIsSegmentedBehindEveryHeaderLayoutAndAnyCut)
+{
+	for (FrameShape s : LayoutShapes(true)) {
+		s.payload = 2500 + s.seed;
+		s.tcp_flags = RTE_TCP_ACK_FLAG | RTE_TCP_PSH_FLAG | RTE_TCP_FIN_FLAG | RTE_TCP_CWR_FLAG;
+		Bytes f = BuildFrame(s);
+		const uint32_t mss = 1000;
+		std::vector<Bytes> want = ExpectedSegments(f, s, mss);
+		ASSERT_EQ(want.size(), 3u);
+		for (auto cuts : HeaderCuts(s)) {
+			cuts.push_back(HdrLen(s) + 999); /* and one in the payload */
+			MbufPtr m(ToChain(pool_, f, cuts));
+			ASSERT_TRUE(m);
+			RequestOffloads(m.get(), s);
+			m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+			m->tso_segsz = mss;
+			ASSERT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_SEGMENT)
+				<< Describe(s);
+			EXPECT_TRUE(SameFrame(FromMbuf(m.get()), f)) << "prepare changed the frame";
+			int ret = 0;
+			std::vector<Bytes> got = Segment(pool_, m.get(), &ret);
+			ASSERT_EQ(ret, 3) << Describe(s);
+			for (size_t i = 0; i < want.size(); i++)
+				EXPECT_TRUE(SameFrame(got[i], want[i]))
+					<< Describe(s) << " segment " << i << ", " << cuts.size() << " cuts";
+			EXPECT_TRUE(SameFrame(FromMbuf(m.get()), f)) << "segmenting changed the frame";
+		}
+	}
+}
+
+TEST_F(CardTxOffload, ATsoRequestThatFitsOneSegmentGoesAsOneChecksummedFrame)
+{
+	for (bool v6 : {false, true}) {
+		FrameShape s;
+		s.v6 = v6;
+		s.tcp = true;
+		s.payload = 700;
+		Bytes want = BuildFrame(s);
+		for (uint16_t mss : {700, 701, 65535}) {
+			Bytes f = want;
+			SpoilChecksums(f, s);
+			MbufPtr m(ToChain(pool_, f, {}));
+			RequestOffloads(m.get(), s);
+			m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+			m->tso_segsz = mss;
+			EXPECT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_AS_IS);
+			EXPECT_TRUE(SameFrame(FromMbuf(m.get()), want)) << "mss " << mss;
+			EXPECT_EQ(m->ol_flags & kOffloadFlags, 0u);
+		}
+	}
+}
+
+TEST_F(CardTxOffload, APeerWithTsoIsHandedTheLargeFrameUnlessItExceedsIpsLength)
+{
+	const uint64_t tso = kGuestCsum | kGuestTso4 | kGuestTso6;
+	for (bool v6 : {false, true}) {
+		FrameShape s;
+		s.v6 = v6;
+		s.tcp = true;
+		s.payload = 5000;
+		Bytes want = BuildFrame(s);
+		Bytes f = want;
+		SpoilChecksums(f, s);
+		MbufPtr m(ToMbuf(pool_, f, 1500));
+		RequestOffloads(m.get(), s);
+		m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+		m->tso_segsz = 1400;
+		EXPECT_EQ(zorv_card_tx_prepare(v6 ? kGuestTso4 | kGuestCsum : kGuestTso6 | kGuestCsum,
+					       m.get()),
+			  ZORV_CARD_TX_SEGMENT)
+			<< "TSO of the other family only";
+		ASSERT_EQ(zorv_card_tx_prepare(tso, m.get()), ZORV_CARD_TX_AS_IS);
+		EXPECT_EQ(m->ol_flags & kOffloadFlags,
+			  RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_TCP_CKSUM |
+				  (v6 ? RTE_MBUF_F_TX_IPV6 : RTE_MBUF_F_TX_IPV4));
+		EXPECT_EQ(m->tso_segsz, 1400);
+		EXPECT_EQ(m->l2_len + m->l3_len + m->l4_len, HdrLen(s));
+		Bytes got = FromMbuf(m.get());
+		EXPECT_EQ(Get16(got, L4CksumOff(s)), Fold(PseudoSum(got, s, 0)));
+		Put16(got, L4CksumOff(s), Get16(want, L4CksumOff(s)));
+		EXPECT_TRUE(SameFrame(got, want)) << "only the checksums change";
+	}
+
+	/* Beyond 64 KB of IP packet the peer cannot take it whole: the card segments. */
+	FrameShape s;
+	s.tcp = true;
+	s.payload = 70000;
+	MbufPtr m(ToMbuf(pool_, BuildFrame(s), 2000));
+	RequestOffloads(m.get(), s);
+	m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+	m->tso_segsz = 1448;
+	EXPECT_EQ(zorv_card_tx_prepare(tso, m.get()), ZORV_CARD_TX_SEGMENT);
+}
+
+TEST_F(CardTxOffload, SegmentingReportsWhatStopsItAndLeavesNothingAllocated)
+{
+	FrameShape s;
+	s.tcp = true;
+	s.payload = 1000;
+	Bytes f = BuildFrame(s);
+	MbufPtr m(ToChain(pool_, f, {}));
+	RequestOffloads(m.get(), s);
+	m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+	m->tso_segsz = 100;
+	ASSERT_EQ(zorv_card_tx_prepare(kNoFeatures, m.get()), ZORV_CARD_TX_SEGMENT);
+	std::vector<Bytes> want = ExpectedSegments(f, s, 100);
+	ASSERT_EQ(want.size(), 10u);
+
+	struct rte_mbuf *segs[16];
+	unsigned before = pool_.InUse();
+	EXPECT_EQ(zorv_card_tx_segments(pool_, m.get(), segs, 9), -E2BIG);
+	EXPECT_EQ(zorv_card_tx_segments(nullptr, m.get(), segs, 16), -EINVAL);
+	{
+		zorv_test::MbufPool few(7);
+		EXPECT_EQ(zorv_card_tx_segments(few, m.get(), segs, 16), -ENOMEM);
+		EXPECT_EQ(few.InUse(), 0u);
+	}
+	{
+		/* Room for 40 bytes: not the 54 bytes of headers. */
+		zorv_test::MbufPool tiny(63, RTE_PKTMBUF_HEADROOM + 40);
+		EXPECT_EQ(zorv_card_tx_segments(tiny, m.get(), segs, 16), -ENOSPC);
+		EXPECT_EQ(tiny.InUse(), 0u);
+	}
+	{
+		/* Room for 64 bytes: the segments become chains. */
+		zorv_test::MbufPool small(127, RTE_PKTMBUF_HEADROOM + 64);
+		ASSERT_EQ(zorv_card_tx_segments(small, m.get(), segs, 16), 10);
+		for (int i = 0; i < 10; i++) {
+			EXPECT_EQ(segs[i]->nb_segs, 3) << "54 + 10, 64, 26 bytes";
+			EXPECT_TRUE(SameFrame(FromMbuf(segs[i]), want[i])) << "segment " << i;
+			rte_pktmbuf_free(segs[i]);
+		}
+	}
+	EXPECT_EQ(pool_.InUse(), before);
+
+	/* Not a TSO packet: nothing to segment. */
+	m->ol_flags &= ~RTE_MBUF_F_TX_TCP_SEG;
+	EXPECT_EQ(zorv_card_tx_segments(pool_, m.get(), segs, 16), -EINVAL);
 }
 
 /* ---- A port of the driver with a virtio-user peer ---- */
@@ -910,6 +1486,175 @@ TEST_F(CardPeer, TsoPacketsAreSegmentedWhenThePeerCannotTakeThem)
 	struct rte_mempool *segs = rte_mempool_lookup("zorv_card_seg");
 	ASSERT_NE(segs, nullptr);
 	EXPECT_EQ(rte_mempool_in_use_count(segs), 0u) << "segments are freed once copied";
+}
+
+/*
+ * A TCP header must be at least 20 bytes long (data offset 5). A frame
+ * whose data offset is below that cannot be checksummed: it goes as it is,
+ * and nothing is written outside its data, even when its first segment
+ * ends with the IP header.
+ */
+TEST_F(CardPeer, AChecksumRequestOnATcpHeaderShorterThan20BytesSendsTheFrameAsItIs)
+{
+	for (uint8_t doff : {0, 4}) {
+		for (bool split : {false, true}) {
+			FrameShape s;
+			s.tcp = true;
+			s.payload = 100;
+			Bytes f = BuildFrame(s);
+			f[L2Len(s) + L3Len(s) + 12] = static_cast<uint8_t>(doff << 4);
+			std::vector<uint32_t> cuts;
+			if (split)
+				cuts.push_back(L2Len(s) + L3Len(s));
+			struct rte_mbuf *m = ToChain(tx_pool_->get(), f, cuts);
+			ASSERT_NE(m, nullptr);
+			RequestOffloads(m, s);
+			FillTailroom(m, 0xa5);
+			KeepRef(m);
+			uint32_t refused = g_dpdk_cp_stat.enqueue_vhost_len_fail;
+
+			std::vector<Bytes> got = PortToPeer({m}, 1);
+			EXPECT_TRUE(TailroomIntact(m, 0xa5)) << "data offset " << int(doff)
+							     << (split ? " split" : "");
+			rte_pktmbuf_free(m);
+			ASSERT_EQ(got.size(), 1u);
+			EXPECT_TRUE(SameFrame(got[0], f)) << "data offset " << int(doff)
+							  << (split ? " split" : "");
+			EXPECT_EQ(g_dpdk_cp_stat.enqueue_vhost_len_fail, refused + 1)
+				<< "the refused request is counted";
+		}
+	}
+}
+
+/* The same for a TSO request: no segmentation behind a TCP header that is not there. */
+TEST_F(CardPeer, ATsoRequestOnATcpHeaderShorterThan20BytesSendsOneUnchangedFrame)
+{
+	for (uint8_t doff : {0, 4}) {
+		FrameShape s;
+		s.tcp = true;
+		s.payload = 1000;
+		Bytes f = BuildFrame(s);
+		f[L2Len(s) + L3Len(s) + 12] = static_cast<uint8_t>(doff << 4);
+		struct rte_mbuf *m = ToMbuf(tx_pool_->get(), f);
+		ASSERT_NE(m, nullptr);
+		RequestOffloads(m, s);
+		m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+		m->tso_segsz = 300;
+
+		std::vector<Bytes> got = PortToPeer({m}, 1);
+		ASSERT_EQ(got.size(), 1u);
+		EXPECT_TRUE(SameFrame(got[0], f)) << "data offset " << int(doff);
+		EXPECT_EQ(Drain(peer_, 0), 0u) << "the frame was segmented";
+	}
+}
+
+/*
+ * Headers may be spread over the segments of a chain, also with a cut
+ * inside a checksum field: the checksums are computed and written where
+ * their bytes are.
+ */
+TEST_F(CardPeer, ChecksumsAreWrittenWhereverTheSegmentsOfAChainCutTheHeaders)
+{
+	for (bool v6 : {false, true}) {
+		for (bool tcp : {false, true}) {
+			FrameShape s;
+			s.v6 = v6;
+			s.tcp = tcp;
+			s.payload = 301;
+			Bytes want = BuildFrame(s);
+			uint32_t l3 = L2Len(s);
+			uint32_t l4 = l3 + L3Len(s);
+			uint32_t ck = static_cast<uint32_t>(L4CksumOff(s));
+			std::vector<std::vector<uint32_t>> splits = {
+				{7},                /* inside the Ethernet header */
+				{l3 + 11},          /* inside the IPv4 checksum or the IPv6 header */
+				{l4},               /* right after the IP header */
+				{ck + 1},           /* inside the L4 checksum field */
+				{l3 + 3, l4 + 1, ck, ck + 2}, /* several pieces, one empty of payload */
+			};
+			for (const auto &cuts : splits) {
+				Bytes f = want;
+				SpoilChecksums(f, s);
+				struct rte_mbuf *m = ToChain(tx_pool_->get(), f, cuts);
+				ASSERT_NE(m, nullptr);
+				RequestOffloads(m, s);
+				FillTailroom(m, 0x5a);
+				KeepRef(m);
+				std::vector<Bytes> got = PortToPeer({m}, 1);
+				EXPECT_TRUE(TailroomIntact(m, 0x5a));
+				rte_pktmbuf_free(m);
+				ASSERT_EQ(got.size(), 1u);
+				EXPECT_TRUE(SameFrame(got[0], want))
+					<< (v6 ? "v6" : "v4") << (tcp ? " tcp" : " udp") << " first cut at "
+					<< cuts[0];
+			}
+		}
+	}
+}
+
+/*
+ * One burst mixing frames whose requests are carried out, a frame whose
+ * request is refused and a TSO packet the card segments: everything arrives
+ * in order, the refused frame as it was sent.
+ */
+TEST_F(CardPeer, ABurstKeepsItsOrderAcrossRefusedRequestsAndSegmentedPackets)
+{
+	FrameShape a;
+	a.tcp = true;
+	a.vlan = 0x0111;
+	a.qinq = true;
+	a.ip_opts = 8;
+	FrameShape b;
+	b.v6 = true;
+	b.v6_ext = 24;
+	b.payload = 80;
+	FrameShape t;
+	t.v6 = true;
+	t.tcp = true;
+	t.v6_ext = 16;
+	t.tcp_opts = 12;
+	t.payload = 2500;
+
+	Bytes fa = BuildFrame(a);
+	Bytes fb = BuildFrame(b);
+	Bytes ft = BuildFrame(t);
+	Bytes bad = BuildFrame(a);
+	bad[L2Len(a) + L3Len(a) + 12] = 0x30; /* data offset 3 */
+	struct Item {
+		Bytes frame;
+		FrameShape shape;
+		bool spoil, tso;
+	};
+	std::vector<Item> items = {
+		{fa, a, true, false}, {bad, a, false, false}, {ft, t, true, true}, {fb, b, true, false}};
+	std::vector<struct rte_mbuf *> pkts;
+	for (Item &it : items) {
+		if (it.spoil)
+			SpoilChecksums(it.frame, it.shape);
+		struct rte_mbuf *m = ToMbuf(tx_pool_->get(), it.frame, 1000);
+		ASSERT_NE(m, nullptr);
+		RequestOffloads(m, it.shape);
+		if (it.tso) {
+			m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+			m->tso_segsz = 1000;
+		}
+		pkts.push_back(m);
+	}
+	std::vector<Bytes> want = {fa, bad};
+	for (Bytes &g : ExpectedSegments(ft, t, 1000))
+		want.push_back(std::move(g));
+	want.push_back(fb);
+	uint32_t refused = g_dpdk_cp_stat.enqueue_vhost_len_fail;
+
+	std::vector<Bytes> got = PortToPeer(pkts, want.size());
+	ASSERT_EQ(got.size(), want.size());
+	for (size_t i = 0; i < want.size(); i++)
+		EXPECT_TRUE(SameFrame(got[i], want[i])) << "frame " << i;
+	EXPECT_EQ(Drain(peer_, 0), 0u);
+	EXPECT_EQ(g_dpdk_cp_stat.enqueue_vhost_len_fail, refused + 1);
+	struct rte_eth_stats st = {};
+	ASSERT_EQ(rte_eth_stats_get(port_, &st), 0);
+	EXPECT_EQ(st.opackets, 4u);
 }
 
 TEST_F(CardPeer, AcceptedMbufsAreHeldUntilTheNextBurstOnTheQueue)

@@ -71,10 +71,13 @@ constexpr unsigned int MAX_VRINGS = 256;
 constexpr uint64_t TX_OFFLOAD_MASK = RTE_MBUF_F_TX_IP_CKSUM | RTE_MBUF_F_TX_L4_MASK |
 				     RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_UDP_SEG;
 
-/* Segments built and copied at once when the card segments a TSO packet. */
-constexpr uint16_t SEG_BATCH = 64;
-/* Longest header (L2 + L3 + L4) the card segments behind. */
-constexpr uint16_t SEG_HDR_MAX = 256;
+/*
+ * Longest L3 header the mbuf's 9-bit l3_len describes: the vhost library
+ * takes the peer's checksum start from it. Longer ones (IPv6 extension
+ * headers) are handled here instead of by the peer.
+ */
+constexpr uint32_t MBUF_L3_LEN_MAX = (1u << 9) - 1;
+
 /* Pool of the segments: built, copied to the guest and freed in one call. */
 constexpr unsigned int SEG_POOL_SIZE = 2047;
 constexpr unsigned int SEG_POOL_CACHE = 32;
@@ -343,10 +346,30 @@ void conn_update_ready(int vid, card_conn *c, bool enable)
 
 /* ---- Transmit offloads ---- */
 
-/* Headers of a packet as the card parsed them. */
+/*
+ * Headers of a frame as the card parsed them; the lengths of the mbuf are
+ * not trusted (the port may have inserted a VLAN tag after they were set).
+ */
 struct pkt_hdrs {
 	uint16_t l2, l3, l4; /* lengths */
+	uint32_t l4_total;   /* L4 header and payload, per the IP header */
 	bool v4, v6, tcp, udp;
+};
+
+/* What the card does with a frame's offload requests. */
+enum tx_plan_kind {
+	PLAN_NONE,      /* nothing the card acts on is requested */
+	PLAN_CKSUM,     /* checksums filled here or left to the peer; one frame */
+	PLAN_PEER_TSO,  /* the peer segments it (GUEST_TSO4/6) */
+	PLAN_SEGMENT,   /* the card segments it */
+};
+
+struct tx_plan {
+	tx_plan_kind kind;
+	bool ip_cksum;   /* fill the IPv4 header checksum */
+	bool l4_cksum;   /* fill the L4 checksum (complete or as a peer's start value) */
+	bool peer_csum;  /* the peer completes the L4 checksum (GUEST_CSUM) */
+	uint32_t nseg;   /* segments, for PLAN_SEGMENT */
 };
 
 void parse_hdrs(const struct rte_mbuf *m, pkt_hdrs *h)
@@ -357,14 +380,16 @@ void parse_hdrs(const struct rte_mbuf *m, pkt_hdrs *h)
 	h->l2 = hl.l2_len;
 	h->l3 = hl.l3_len;
 	h->l4 = hl.l4_len;
+	h->l4_total = 0;
 	h->v4 = RTE_ETH_IS_IPV4_HDR(pt) != 0;
 	h->v6 = RTE_ETH_IS_IPV6_HDR(pt) != 0;
+	/* Fragments have L4_FRAG here: their L4 header is not parsed. */
 	h->tcp = (pt & RTE_PTYPE_L4_MASK) == RTE_PTYPE_L4_TCP;
 	h->udp = (pt & RTE_PTYPE_L4_MASK) == RTE_PTYPE_L4_UDP;
 }
 
-/* Copy len bytes at offset off of a chain into dst. */
-void copy_out(const struct rte_mbuf *m, uint32_t off, uint32_t len, uint8_t *dst)
+/* Copy len bytes at offset off of a chain into dst; false when the chain is shorter. */
+bool copy_out(const struct rte_mbuf *m, uint32_t off, uint32_t len, uint8_t *dst)
 {
 	while (m != nullptr && off >= m->data_len) {
 		off -= m->data_len;
@@ -378,26 +403,24 @@ void copy_out(const struct rte_mbuf *m, uint32_t off, uint32_t len, uint8_t *dst
 		off = 0;
 		m = m->next;
 	}
+	return len == 0;
 }
 
-uint16_t l4_cksum_off(const pkt_hdrs *h)
+/* Write len bytes of src at offset off of a chain, wherever its segments cut them. */
+void copy_in(struct rte_mbuf *m, uint32_t off, uint32_t len, const uint8_t *src)
 {
-	return h->l2 + h->l3 + (h->tcp ? offsetof(struct rte_tcp_hdr, cksum)
-				       : offsetof(struct rte_udp_hdr, dgram_cksum));
-}
-
-/*
- * IPv6 header as the pseudo-header sees it: the upper-layer protocol and
- * length, past any extension headers.
- */
-struct rte_ipv6_hdr ipv6_phdr_view(const uint8_t *l3, const pkt_hdrs *h)
-{
-	struct rte_ipv6_hdr ip6;
-	memcpy(&ip6, l3, sizeof(ip6));
-	uint16_t ext = h->l3 - sizeof(struct rte_ipv6_hdr);
-	ip6.payload_len = rte_cpu_to_be_16(rte_be_to_cpu_16(ip6.payload_len) - ext);
-	ip6.proto = h->tcp ? IPPROTO_TCP : IPPROTO_UDP;
-	return ip6;
+	while (m != nullptr && off >= m->data_len) {
+		off -= m->data_len;
+		m = m->next;
+	}
+	while (len != 0 && m != nullptr) {
+		uint32_t n = std::min<uint32_t>(len, m->data_len - off);
+		memcpy(rte_pktmbuf_mtod_offset(m, uint8_t *, off), src, n);
+		src += n;
+		len -= n;
+		off = 0;
+		m = m->next;
+	}
 }
 
 /*
@@ -418,14 +441,129 @@ uint16_t chain_sum(const struct rte_mbuf *m, uint32_t off, uint32_t len)
 		uint32_t n = std::min<uint32_t>(len, m->data_len - off);
 		uint16_t piece = rte_raw_cksum(rte_pktmbuf_mtod_offset(m, const uint8_t *, off), n);
 		sum += odd ? rte_bswap16(piece) : piece;
+		sum = (sum & 0xffff) + (sum >> 16);
 		odd ^= (n & 1) != 0;
 		len -= n;
 		off = 0;
 		m = m->next;
 	}
 	sum = (sum & 0xffff) + (sum >> 16);
-	sum = (sum & 0xffff) + (sum >> 16);
 	return static_cast<uint16_t>(sum);
+}
+
+/*
+ * L4 length the IP header gives, when it agrees with the frame: it covers
+ * the parsed L4 header and ends within the frame (Ethernet padding may
+ * follow). 0 when it does not.
+ */
+uint32_t ip_l4_total(const struct rte_mbuf *m, const pkt_hdrs *h)
+{
+	uint8_t b[4];
+	uint32_t ip_len;
+	if (h->v4) {
+		if (!copy_out(m, h->l2 + 2, 2, b)) /* total_length */
+			return 0;
+		ip_len = static_cast<uint32_t>(b[0] << 8 | b[1]);
+	} else {
+		if (!copy_out(m, h->l2 + 4, 2, b)) /* payload_len */
+			return 0;
+		ip_len = sizeof(struct rte_ipv6_hdr) + static_cast<uint32_t>(b[0] << 8 | b[1]);
+	}
+	if (ip_len < static_cast<uint32_t>(h->l3) + h->l4 || h->l2 + ip_len > m->pkt_len)
+		return 0;
+	return ip_len - h->l3;
+}
+
+/*
+ * Decide what to do with the offload requests of m for a peer with the
+ * given virtio features, without changing m. -EINVAL when a request does not
+ * fit the frame: a request on a frame of another kind (IP checksum on a
+ * frame that is not IPv4, TCP or UDP checksum on a frame without that
+ * header, a fragment), a TCP header shorter than 20 bytes, headers that
+ * reach past the frame, an IP length that disagrees with it, a TSO request
+ * with MSS 0, or segmentation beyond the card's limits.
+ */
+int tx_plan_of(uint64_t features, const struct rte_mbuf *m, pkt_hdrs *h, tx_plan *p)
+{
+	uint64_t ol = m->ol_flags;
+	uint64_t l4 = ol & RTE_MBUF_F_TX_L4_MASK;
+	bool want_ip = (ol & RTE_MBUF_F_TX_IP_CKSUM) != 0;
+	bool want_tso = (ol & RTE_MBUF_F_TX_TCP_SEG) != 0;
+	bool want_tcp = want_tso || l4 == RTE_MBUF_F_TX_TCP_CKSUM;
+	bool want_udp = !want_tcp && l4 == RTE_MBUF_F_TX_UDP_CKSUM;
+
+	*p = tx_plan{};
+	*h = pkt_hdrs{};
+	/* SCTP checksums and UDP segmentation are not offered: nothing to do. */
+	if (!want_ip && !want_tcp && !want_udp)
+		return 0;
+
+	parse_hdrs(m, h);
+	if (!h->v4 && !h->v6)
+		return -EINVAL;
+	if (want_ip && !h->v4)
+		return -EINVAL;
+	if (static_cast<uint32_t>(h->l2) + h->l3 > m->pkt_len)
+		return -EINVAL;
+	if ((want_tcp && !h->tcp) || (want_udp && !h->udp))
+		return -EINVAL;
+	/* TCP's data offset counts 32-bit words; below 5 there is no TCP header. */
+	if (want_tcp && h->l4 < sizeof(struct rte_tcp_hdr))
+		return -EINVAL;
+	uint32_t hdr_len = static_cast<uint32_t>(h->l2) + h->l3 + h->l4;
+	if ((want_tcp || want_udp) && hdr_len > m->pkt_len)
+		return -EINVAL;
+
+	p->kind = PLAN_CKSUM;
+	p->ip_cksum = h->v4 && (want_ip || want_tso);
+	p->l4_cksum = want_tcp || want_udp;
+	bool peer_fits = h->l3 <= MBUF_L3_LEN_MAX;
+	p->peer_csum = (features & F_GUEST_CSUM) != 0 && peer_fits;
+
+	uint32_t mss = m->tso_segsz;
+	if (want_tso && mss == 0)
+		return -EINVAL;
+	if (want_tso && m->pkt_len - hdr_len > mss) {
+		uint64_t need = F_GUEST_CSUM | (h->v4 ? F_GUEST_TSO4 : F_GUEST_TSO6);
+		if ((features & need) == need && peer_fits && m->pkt_len - h->l2 <= UINT16_MAX) {
+			p->kind = PLAN_PEER_TSO;
+			return 0;
+		}
+		/* Segments must fit the IP length field and the card's limits. */
+		uint32_t payload = m->pkt_len - hdr_len;
+		uint32_t nseg = payload / mss + (payload % mss != 0);
+		if (hdr_len > ZORV_CARD_TSO_HDR_MAX || h->l3 + h->l4 + mss > UINT16_MAX ||
+		    nseg > ZORV_CARD_TSO_SEGS_MAX)
+			return -EINVAL;
+		p->kind = PLAN_SEGMENT;
+		p->ip_cksum = false;
+		p->l4_cksum = false;
+		p->nseg = nseg;
+		return 0;
+	}
+
+	/* One frame: the L4 checksum covers what the IP header says. */
+	if (p->l4_cksum) {
+		h->l4_total = ip_l4_total(m, h);
+		if (h->l4_total == 0)
+			return -EINVAL;
+	}
+	return 0;
+}
+
+/* Fill the IPv4 header checksum of a frame whose header starts at l2. */
+void ipv4_cksum(struct rte_mbuf *m, const pkt_hdrs *h)
+{
+	union {
+		struct rte_ipv4_hdr ip;
+		uint8_t b[0xf * RTE_IPV4_IHL_MULTIPLIER]; /* the longest IHL */
+	} u;
+	uint32_t ck_off = h->l2 + offsetof(struct rte_ipv4_hdr, hdr_checksum);
+
+	copy_out(m, h->l2, h->l3, u.b);
+	u.ip.hdr_checksum = 0;
+	uint16_t ck = rte_ipv4_cksum(&u.ip);
+	copy_in(m, ck_off, sizeof(ck), reinterpret_cast<const uint8_t *>(&ck));
 }
 
 /* How l4_cksum fills the L4 checksum field. */
@@ -435,125 +573,68 @@ enum l4_fill {
 	L4_PSEUDO_NOLEN, /* pseudo-header sum without the length, for a TSO request */
 };
 
-/* Fill the L4 checksum field of a packet whose headers are in its first segment. */
+/*
+ * Fill the L4 checksum field of a frame; h->l4_total is the L4 length (not
+ * used for L4_PSEUDO_NOLEN). The headers may lie in any segments.
+ */
 void l4_cksum(struct rte_mbuf *m, const pkt_hdrs *h, l4_fill fill)
 {
-	uint8_t *base = rte_pktmbuf_mtod(m, uint8_t *);
-	uint16_t off = l4_cksum_off(h);
 	uint32_t l4_off = h->l2 + h->l3;
+	uint32_t ck_off = l4_off + (h->tcp ? offsetof(struct rte_tcp_hdr, cksum)
+					   : offsetof(struct rte_udp_hdr, dgram_cksum));
 	uint64_t phdr_flags = fill == L4_PSEUDO_NOLEN ? RTE_MBUF_F_TX_TCP_SEG : 0;
-	uint16_t ck = 0;
-	uint32_t l4_len;
+	uint8_t proto = h->tcp ? IPPROTO_TCP : IPPROTO_UDP;
 	uint32_t sum;
 
-	memcpy(base + off, &ck, sizeof(ck));
+	/* The pseudo-header: addresses from the frame, protocol and length as parsed. */
 	if (h->v4) {
-		const auto *ip = reinterpret_cast<const struct rte_ipv4_hdr *>(base + h->l2);
-		sum = rte_ipv4_phdr_cksum(ip, phdr_flags);
-		l4_len = rte_be_to_cpu_16(ip->total_length) - h->l3;
+		struct rte_ipv4_hdr ip;
+		copy_out(m, h->l2, sizeof(ip), reinterpret_cast<uint8_t *>(&ip));
+		ip.version_ihl = RTE_IPV4_VHL_DEF; /* so that the length below is the L4 length */
+		ip.total_length = rte_cpu_to_be_16(
+			static_cast<uint16_t>(sizeof(ip) + (fill == L4_PSEUDO_NOLEN ? 0 : h->l4_total)));
+		sum = rte_ipv4_phdr_cksum(&ip, phdr_flags);
 	} else {
-		struct rte_ipv6_hdr ip6 = ipv6_phdr_view(base + h->l2, h);
+		struct rte_ipv6_hdr ip6;
+		copy_out(m, h->l2, sizeof(ip6), reinterpret_cast<uint8_t *>(&ip6));
+		ip6.payload_len = rte_cpu_to_be_16(
+			static_cast<uint16_t>(fill == L4_PSEUDO_NOLEN ? 0 : h->l4_total));
+		ip6.proto = proto;
 		sum = rte_ipv6_phdr_cksum(&ip6, phdr_flags);
-		l4_len = rte_be_to_cpu_16(ip6.payload_len);
 	}
+
+	uint16_t ck = 0;
 	if (fill != L4_FULL) {
 		ck = static_cast<uint16_t>(sum);
 	} else {
-		l4_len = std::min(l4_len, m->pkt_len - l4_off);
-		sum += chain_sum(m, l4_off, l4_len);
+		copy_in(m, ck_off, sizeof(ck), reinterpret_cast<const uint8_t *>(&ck));
+		sum += chain_sum(m, l4_off, h->l4_total);
 		sum = (sum & 0xffff) + (sum >> 16);
 		sum = (sum & 0xffff) + (sum >> 16);
 		ck = static_cast<uint16_t>(~sum);
 		if (ck == 0 && h->udp)
 			ck = 0xffff; /* zero means "no checksum" for UDP */
 	}
-	memcpy(base + off, &ck, sizeof(ck));
+	copy_in(m, ck_off, sizeof(ck), reinterpret_cast<const uint8_t *>(&ck));
 }
-
-void ipv4_cksum(uint8_t *l3)
-{
-	auto *ip = reinterpret_cast<struct rte_ipv4_hdr *>(l3);
-	ip->hdr_checksum = 0;
-	ip->hdr_checksum = rte_ipv4_cksum(ip);
-}
-
-enum tx_action { TX_AS_IS, TX_SEGMENT };
 
 /*
- * Carry out a packet's offload requests so that the copy delivers it
- * correct: what the peer negotiated stays requested (the vhost library
- * writes it into the virtio-net header), the rest is done here. Returns
- * TX_SEGMENT, with the packet untouched, when it must be segmented here.
+ * One segment of a TSO packet: its headers (hdr, all in the first mbuf),
+ * then payload [off, off + len) of m. 0, -ENOMEM when the pool is empty, or
+ * -ENOSPC when the pool's mbufs cannot hold the headers or the chain.
  */
-tx_action tx_prepare(const card_conn *c, struct rte_mbuf *m, pkt_hdrs *h)
-{
-	uint64_t ol = m->ol_flags;
-
-	parse_hdrs(m, h);
-	bool ip = h->v4 || h->v6;
-	uint32_t hdr_len = h->l2 + h->l3 + h->l4;
-	bool in_first = hdr_len <= m->data_len && (h->tcp || h->udp);
-	bool tso = (ol & RTE_MBUF_F_TX_TCP_SEG) != 0 && ip && h->tcp && m->tso_segsz != 0 &&
-		   m->pkt_len > hdr_len + m->tso_segsz;
-
-	if (tso) {
-		uint64_t need = F_GUEST_CSUM | (h->v4 ? F_GUEST_TSO4 : F_GUEST_TSO6);
-		bool peer_segments = (c->features.load(std::memory_order_relaxed) & need) == need &&
-				     in_first &&
-				     m->pkt_len - h->l2 <= UINT16_MAX;
-		if (!peer_segments) {
-			if (hdr_len <= SEG_HDR_MAX &&
-			    seg_pool.load(std::memory_order_relaxed) != nullptr)
-				return TX_SEGMENT;
-			/* Cannot be segmented: goes as one frame, checksummed. */
-			g_dpdk_cp_stat.enqueue_vhost_len_fail++;
-			tso = false;
-		}
-	}
-
-	m->ol_flags &= ~(TX_OFFLOAD_MASK | RTE_MBUF_F_TX_IPV4 | RTE_MBUF_F_TX_IPV6);
-	m->l2_len = h->l2;
-	m->l3_len = h->l3;
-	m->l4_len = h->l4;
-	uint8_t *base = rte_pktmbuf_mtod(m, uint8_t *);
-
-	if ((ol & (RTE_MBUF_F_TX_IP_CKSUM | RTE_MBUF_F_TX_TCP_SEG)) != 0 && h->v4 &&
-	    h->l2 + h->l3 <= m->data_len)
-		ipv4_cksum(base + h->l2);
-
-	uint64_t l4 = ol & RTE_MBUF_F_TX_L4_MASK;
-	bool want_l4 = ((ol & RTE_MBUF_F_TX_TCP_SEG) != 0 && h->tcp) ||
-		       (l4 == RTE_MBUF_F_TX_TCP_CKSUM && h->tcp) ||
-		       (l4 == RTE_MBUF_F_TX_UDP_CKSUM && h->udp);
-	if (!want_l4 || !ip || !in_first) {
-		if ((ol & (RTE_MBUF_F_TX_L4_MASK | RTE_MBUF_F_TX_TCP_SEG)) != 0 && want_l4)
-			g_dpdk_cp_stat.enqueue_vhost_len_fail++; /* headers not in the first segment */
-		return TX_AS_IS;
-	}
-
-	uint64_t fam = h->v4 ? RTE_MBUF_F_TX_IPV4 : RTE_MBUF_F_TX_IPV6;
-	if (tso) {
-		/* The peer segments; the vhost library writes the header for it. */
-		l4_cksum(m, h, L4_PSEUDO_NOLEN);
-		m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_TCP_CKSUM | fam;
-	} else if ((c->features.load(std::memory_order_relaxed) & F_GUEST_CSUM) != 0) {
-		l4_cksum(m, h, L4_PSEUDO);
-		m->ol_flags |= (h->tcp ? RTE_MBUF_F_TX_TCP_CKSUM : RTE_MBUF_F_TX_UDP_CKSUM) | fam;
-	} else {
-		l4_cksum(m, h, L4_FULL);
-	}
-	return TX_AS_IS;
-}
-
-/* One segment of a TSO packet: its headers, then payload [off, off + len). */
-struct rte_mbuf *seg_build(struct rte_mempool *pool, const struct rte_mbuf *m,
-			   const uint8_t *hdr, const pkt_hdrs *h, uint32_t idx, uint32_t off,
-			   uint32_t len, bool last)
+int seg_build(struct rte_mempool *pool, const struct rte_mbuf *m, const uint8_t *hdr,
+	      const pkt_hdrs *h, uint32_t idx, uint32_t off, uint32_t len, bool last,
+	      struct rte_mbuf **out)
 {
 	uint16_t hdr_len = h->l2 + h->l3 + h->l4;
 	struct rte_mbuf *seg = rte_pktmbuf_alloc(pool);
 	if (seg == nullptr)
-		return nullptr;
+		return -ENOMEM;
+	if (rte_pktmbuf_tailroom(seg) < hdr_len) {
+		rte_pktmbuf_free(seg);
+		return -ENOSPC;
+	}
 
 	uint8_t *p = rte_pktmbuf_mtod(seg, uint8_t *);
 	memcpy(p, hdr, hdr_len);
@@ -566,10 +647,17 @@ struct rte_mbuf *seg_build(struct rte_mempool *pool, const struct rte_mbuf *m,
 	while (left != 0) {
 		uint16_t room = rte_pktmbuf_tailroom(cur);
 		if (room == 0) {
-			struct rte_mbuf *n = rte_pktmbuf_alloc(pool);
+			struct rte_mbuf *n = seg->nb_segs < UINT16_MAX ? rte_pktmbuf_alloc(pool)
+								       : nullptr;
+			int err = seg->nb_segs < UINT16_MAX ? -ENOMEM : -ENOSPC;
+			if (n != nullptr && rte_pktmbuf_tailroom(n) == 0) {
+				rte_pktmbuf_free(n);
+				n = nullptr;
+				err = -ENOSPC;
+			}
 			if (n == nullptr) {
 				rte_pktmbuf_free(seg);
-				return nullptr;
+				return err;
 			}
 			cur->next = n;
 			cur = n;
@@ -585,16 +673,18 @@ struct rte_mbuf *seg_build(struct rte_mempool *pool, const struct rte_mbuf *m,
 	}
 
 	uint8_t *l3 = p + h->l2;
-	uint16_t l4_total = h->l4 + len;
+	pkt_hdrs sh = *h;
+	sh.l4_total = h->l4 + len;
 	if (h->v4) {
 		auto *ip = reinterpret_cast<struct rte_ipv4_hdr *>(l3);
-		ip->total_length = rte_cpu_to_be_16(h->l3 + l4_total);
-		ip->packet_id = rte_cpu_to_be_16(rte_be_to_cpu_16(ip->packet_id) + idx);
-		ipv4_cksum(l3);
+		ip->total_length = rte_cpu_to_be_16(static_cast<uint16_t>(h->l3 + sh.l4_total));
+		uint16_t id = static_cast<uint16_t>(rte_be_to_cpu_16(ip->packet_id) + idx);
+		ip->packet_id = rte_cpu_to_be_16(id);
+		ipv4_cksum(seg, &sh);
 	} else {
 		auto *ip6 = reinterpret_cast<struct rte_ipv6_hdr *>(l3);
-		ip6->payload_len =
-			rte_cpu_to_be_16(h->l3 - sizeof(struct rte_ipv6_hdr) + l4_total);
+		ip6->payload_len = rte_cpu_to_be_16(
+			static_cast<uint16_t>(h->l3 - sizeof(struct rte_ipv6_hdr) + sh.l4_total));
 	}
 	auto *th = reinterpret_cast<struct rte_tcp_hdr *>(l3 + h->l3);
 	uint32_t before = off - hdr_len; /* payload of the segments in front */
@@ -603,51 +693,46 @@ struct rte_mbuf *seg_build(struct rte_mempool *pool, const struct rte_mbuf *m,
 		th->tcp_flags &= ~(RTE_TCP_FIN_FLAG | RTE_TCP_PSH_FLAG);
 	if (idx != 0)
 		th->tcp_flags &= ~RTE_TCP_CWR_FLAG;
-	l4_cksum(seg, h, L4_FULL);
-	return seg;
+	l4_cksum(seg, &sh, L4_FULL);
+	seg->l2_len = h->l2;
+	seg->l3_len = h->l3;
+	seg->l4_len = h->l4;
+	*out = seg;
+	return 0;
 }
 
 /*
  * Segment a TSO packet here and copy the segments to the guest. False when
- * nothing was delivered (the caller keeps the packet); once the first
- * segments are in, the packet counts as sent and later losses are counted.
+ * nothing was delivered and the packet may be offered again (no mbufs for
+ * the segments, or a full virtqueue); once the first segments are in, the
+ * packet counts as sent and later losses are counted.
  */
-bool tx_segment(int dev, uint16_t vq, const struct rte_mbuf *m, const pkt_hdrs *h)
+bool tx_segment(int dev, uint16_t vq, const struct rte_mbuf *m)
 {
 	struct rte_mempool *pool = seg_pool.load(std::memory_order_acquire);
-	if (pool == nullptr)
+	struct rte_mbuf *segs[ZORV_CARD_TSO_SEGS_MAX];
+
+	int n = pool != nullptr ? zorv_card_tx_segments(pool, m, segs, ZORV_CARD_TSO_SEGS_MAX)
+				: -ENOMEM;
+	if (n == -ENOMEM)
 		return false;
-
-	uint8_t hdr[SEG_HDR_MAX];
-	uint16_t hdr_len = h->l2 + h->l3 + h->l4;
-	copy_out(m, 0, hdr_len, hdr);
-
-	uint32_t mss = m->tso_segsz;
-	uint32_t payload = m->pkt_len - hdr_len;
-	uint32_t nseg = (payload + mss - 1) / mss;
-	struct rte_mbuf *segs[SEG_BATCH];
-
-	for (uint32_t i = 0; i < nseg;) {
-		uint16_t k = 0;
-		for (; k < SEG_BATCH && i + k < nseg; k++) {
-			uint32_t idx = i + k;
-			uint32_t off = hdr_len + idx * mss;
-			uint32_t len = std::min(mss, payload - idx * mss);
-			segs[k] = seg_build(pool, m, hdr, h, idx, off, len, idx == nseg - 1);
-			if (segs[k] == nullptr)
-				break;
-		}
-		uint16_t sent = k != 0 ? rte_vhost_enqueue_burst(dev, vq, segs, k) : 0;
-		if (k != 0)
-			rte_pktmbuf_free_bulk(segs, k);
-		if (i == 0 && sent == 0)
-			return false;
-		if (sent < k || (i + k < nseg && k < SEG_BATCH)) {
-			g_dpdk_cp_stat.enqueue_vhost_len_fail++; /* packet cut short */
-			break;
-		}
-		i += k;
+	if (n <= 0) {
+		/* Planned for segmentation but not segmentable: dropped. */
+		g_dpdk_cp_stat.enqueue_vhost_len_fail++;
+		return true;
 	}
+	uint32_t sent = 0;
+	while (sent < static_cast<uint32_t>(n)) {
+		uint16_t k = rte_vhost_enqueue_burst(dev, vq, &segs[sent], n - sent);
+		if (k == 0)
+			break;
+		sent += k;
+	}
+	rte_pktmbuf_free_bulk(segs, n);
+	if (sent == 0)
+		return false;
+	if (sent < static_cast<uint32_t>(n))
+		g_dpdk_cp_stat.enqueue_vhost_len_fail++; /* packet cut short */
 	return true;
 }
 
@@ -655,18 +740,22 @@ bool tx_segment(int dev, uint16_t vq, const struct rte_mbuf *m, const pkt_hdrs *
 uint16_t tx_copy(const card_conn *c, uint16_t vq, struct rte_mbuf **pkts, uint16_t n)
 {
 	int dev = c->dev;
+	uint64_t features = c->features.load(std::memory_order_relaxed);
 	uint16_t done = 0;
-	pkt_hdrs h = {};
 
 	while (done < n) {
 		uint16_t run = done;
-		tx_action act = TX_AS_IS;
+		bool segment = false;
 		for (; run < n; run++) {
 			if ((pkts[run]->ol_flags & TX_OFFLOAD_MASK) == 0)
 				continue;
-			act = tx_prepare(c, pkts[run], &h);
-			if (act == TX_SEGMENT)
+			int ret = zorv_card_tx_prepare(features, pkts[run]);
+			if (ret == ZORV_CARD_TX_SEGMENT) {
+				segment = true;
 				break;
+			}
+			if (ret < 0)
+				g_dpdk_cp_stat.enqueue_vhost_len_fail++; /* goes as it is */
 		}
 		if (run > done) {
 			uint16_t want = run - done;
@@ -675,8 +764,8 @@ uint16_t tx_copy(const card_conn *c, uint16_t vq, struct rte_mbuf **pkts, uint16
 			if (sent < want)
 				return done;
 		}
-		if (act == TX_SEGMENT) {
-			if (!tx_segment(dev, vq, pkts[done], &h))
+		if (segment) {
+			if (!tx_segment(dev, vq, pkts[done]))
 				return done;
 			done++;
 		}
@@ -1103,6 +1192,83 @@ uint16_t rte_zorv1_vhost_enqueue_burst(struct zorv1_vdev_txq *txq, struct rte_mb
 	else
 		g_dpdk_cp_stat.enqueue_fail++;
 	return sent;
+}
+
+/* ---- Transmit offloads ---- */
+
+int zorv_card_tx_prepare(uint64_t features, struct rte_mbuf *m)
+{
+	constexpr uint64_t clear = TX_OFFLOAD_MASK | RTE_MBUF_F_TX_IPV4 | RTE_MBUF_F_TX_IPV6;
+	pkt_hdrs h;
+	tx_plan p;
+
+	int ret = tx_plan_of(features, m, &h, &p);
+	if (ret < 0) {
+		m->ol_flags &= ~clear;
+		return ret;
+	}
+	if (p.kind == PLAN_SEGMENT)
+		return ZORV_CARD_TX_SEGMENT;
+	m->ol_flags &= ~clear;
+	if (p.kind == PLAN_NONE)
+		return ZORV_CARD_TX_AS_IS;
+
+	if (p.ip_cksum)
+		ipv4_cksum(m, &h);
+	if (!p.l4_cksum)
+		return ZORV_CARD_TX_AS_IS;
+	if (p.kind != PLAN_PEER_TSO && !p.peer_csum) {
+		l4_cksum(m, &h, L4_FULL);
+		return ZORV_CARD_TX_AS_IS;
+	}
+
+	/* Handed to the peer: the vhost library describes it from these. */
+	uint64_t fam = h.v4 ? RTE_MBUF_F_TX_IPV4 : RTE_MBUF_F_TX_IPV6;
+	m->l2_len = h.l2;
+	m->l3_len = h.l3;
+	m->l4_len = h.l4;
+	if (p.kind == PLAN_PEER_TSO) {
+		l4_cksum(m, &h, L4_PSEUDO_NOLEN);
+		m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_TCP_CKSUM | fam;
+	} else {
+		l4_cksum(m, &h, L4_PSEUDO);
+		m->ol_flags |= (h.tcp ? RTE_MBUF_F_TX_TCP_CKSUM : RTE_MBUF_F_TX_UDP_CKSUM) | fam;
+	}
+	return ZORV_CARD_TX_AS_IS;
+}
+
+int zorv_card_tx_segments(struct rte_mempool *pool, const struct rte_mbuf *m,
+			  struct rte_mbuf **segs, uint32_t max)
+{
+	pkt_hdrs h;
+	tx_plan p;
+
+	if (pool == nullptr || m == nullptr || segs == nullptr)
+		return -EINVAL;
+	/* The plan for a peer without offloads is the card's own segmentation. */
+	int ret = tx_plan_of(0, m, &h, &p);
+	if (ret < 0)
+		return ret;
+	if (p.kind != PLAN_SEGMENT)
+		return -EINVAL;
+	if (p.nseg > max)
+		return -E2BIG;
+
+	uint8_t hdr[ZORV_CARD_TSO_HDR_MAX];
+	uint32_t hdr_len = static_cast<uint32_t>(h.l2) + h.l3 + h.l4;
+	copy_out(m, 0, hdr_len, hdr);
+	uint32_t mss = m->tso_segsz;
+	uint32_t payload = m->pkt_len - hdr_len;
+	for (uint32_t i = 0; i < p.nseg; i++) {
+		uint32_t len = std::min(mss, payload - i * mss);
+		ret = seg_build(pool, m, hdr, &h, i, hdr_len + i * mss, len, i == p.nseg - 1,
+				&segs[i]);
+		if (ret != 0) {
+			rte_pktmbuf_free_bulk(segs, i);
+			return ret;
+		}
+	}
+	return static_cast<int>(p.nseg);
 }
 
 /* ---- Interface registration ---- */

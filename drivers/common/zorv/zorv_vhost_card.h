@@ -21,7 +21,7 @@
  *     MRG_RXBUF, so that the port's transmit checksum and TSO offloads can
  *     be handed to the peer in the virtio-net header. When a peer did not
  *     negotiate them, the card computes the checksums and segments TSO
- *     packets itself before the copy.
+ *     packets itself before the copy (see "Transmit offloads").
  *   transmit side of the peer: no CSUM and no HOST_TSO. The port advertises
  *     no receive offload, so every frame it delivers must be complete and
  *     checksummed, and within the firmware MTU of its virtual port.
@@ -49,6 +49,36 @@
  * and with the device manager's mutex held. A connection still live then is
  * dropped by the card alone, without the port's connection entry points
  * (which take that mutex); the port is going away with it.
+ *
+ * Transmit offloads: the card parses each frame that requests an offload
+ * (RTE_MBUF_F_TX_IP_CKSUM, TCP/UDP checksum, TCP_SEG) and acts on what it
+ * finds, not on the mbuf's l2_len/l3_len/l4_len or its IPV4/IPV6 flags: the
+ * port may have inserted a VLAN tag after they were set, and a length the
+ * frame does not back must not steer a write. VLAN and QinQ tags, IPv4
+ * options and IPv6 extension headers are parsed; headers may lie across the
+ * segments of a chain. What the peer negotiated is handed to it in the
+ * virtio-net header (checksums as a pseudo-header start value, TSO as one
+ * large frame), unless the IP header with its extension headers is longer
+ * than the mbuf's l3_len can describe (511 bytes). The rest is done here:
+ * the IPv4 header checksum, the complete L4 checksum over the length the IP
+ * header gives, and TSO segmentation into frames of tso_segsz payload
+ * bytes, each with its own IPv4 id, lengths, sequence number and
+ * checksums; FIN and PSH stay on the last segment, CWR on the first.
+ *   A request the frame does not support is not carried out and the frame
+ *   goes as it is, like a NIC that is handed a malformed descriptor: no
+ *   checksum is written, nothing is segmented, the offload flags are
+ *   cleared, and enqueue_vhost_len_fail counts it. That is: an IP checksum
+ *   on a frame that is not IPv4; a TCP or UDP checksum or TSO on a frame
+ *   without that header (other protocols, fragments); a TCP header shorter
+ *   than 20 bytes (data offset below 5); headers that reach past the frame;
+ *   an IP length (IPv4 total length, IPv6 payload length) shorter than the
+ *   headers or longer than the frame, for a frame that goes as one; a TSO
+ *   request with tso_segsz 0; and, when the card segments, headers longer
+ *   than ZORV_CARD_TSO_HDR_MAX, a segment longer than the IP length field
+ *   holds, or more than ZORV_CARD_TSO_SEGS_MAX segments. A TSO request whose
+ *   payload fits one segment goes as one frame with its checksums. SCTP
+ *   checksums and UDP segmentation are not offered; such requests are
+ *   cleared.
  *
  * Transmitted mbufs: the virtio copy leaves accepted mbufs with the card,
  * which keeps them readable until the port's transmit burst has returned
@@ -83,6 +113,16 @@ extern "C" {
  * caller, as for a full virtqueue).
  */
 #define ZORV_CARD_TX_HOLD 512
+
+/* Longest headers (L2 + L3 + L4) the card segments a TSO packet behind. */
+#define ZORV_CARD_TSO_HDR_MAX 256
+
+/* Segments the card makes of one TSO packet at most (64 KB at MSS 256). */
+#define ZORV_CARD_TSO_SEGS_MAX 256
+
+/* Results of zorv_card_tx_prepare. */
+#define ZORV_CARD_TX_AS_IS 0   /* one frame: offloads done or handed to the peer */
+#define ZORV_CARD_TX_SEGMENT 1 /* the card segments it: zorv_card_tx_segments */
 
 /* Virtio feature bits offered to the peer (see above). */
 #define ZORV_CARD_VIRTIO_FEATURES                                            \
@@ -120,6 +160,36 @@ uint32_t zorv_card_conn_held_mbufs(int vid);
 
 /* Number of registered interfaces. */
 uint32_t zorv_card_iface_count(void);
+
+struct rte_mbuf;
+struct rte_mempool;
+
+/*
+ * Carry out the transmit offload requests of m for a peer that negotiated
+ * the given virtio features, as the card's transmit burst does:
+ *   ZORV_CARD_TX_AS_IS    m goes as one frame. The checksums the peer does
+ *                         not take are filled in; what it takes stays
+ *                         requested in m's flags, with the parsed header
+ *                         lengths in l2_len/l3_len/l4_len and the
+ *                         pseudo-header sum in the L4 checksum field.
+ *   ZORV_CARD_TX_SEGMENT  m must be segmented by zorv_card_tx_segments; m
+ *                         is unchanged.
+ *   -EINVAL               the request does not fit the frame (see above):
+ *                         m's bytes are unchanged, its offload flags cleared,
+ *                         and it goes as it is.
+ */
+int zorv_card_tx_prepare(uint64_t features, struct rte_mbuf *m);
+
+/*
+ * Segment the TSO packet m (for which zorv_card_tx_prepare returned
+ * ZORV_CARD_TX_SEGMENT) into new mbufs from pool, stored in segs[0..n);
+ * returns n, and the caller frees them; m is not changed. Negative errno:
+ * -EINVAL when m is not a packet the card segments, -E2BIG when it needs
+ * more than max segments, -ENOMEM when the pool ran out, -ENOSPC when the
+ * pool's mbufs cannot hold the headers; then no segment is left allocated.
+ */
+int zorv_card_tx_segments(struct rte_mempool *pool, const struct rte_mbuf *m,
+			  struct rte_mbuf **segs, uint32_t max);
 
 #ifdef __cplusplus
 }

@@ -46,6 +46,7 @@
 #include "zorv1_logs.h"
 #include "zorv1_vhost.h"
 #include "zorv_dev_mgr_internal.h"
+#include "zorv_flow.h"
 #include "zorv_fw.h"
 #include "zorv_vhost_card.h"
 
@@ -557,7 +558,7 @@ void ipv4_cksum(struct rte_mbuf *m, const pkt_hdrs *h)
 	union {
 		struct rte_ipv4_hdr ip;
 		uint8_t b[0xf * RTE_IPV4_IHL_MULTIPLIER]; /* the longest IHL */
-	} u;
+	} u = {}; /* copy_out fills h->l3 bytes; zeroed so -O3 sees it initialised */
 	uint32_t ck_off = h->l2 + offsetof(struct rte_ipv4_hdr, hdr_checksum);
 
 	copy_out(m, h->l2, h->l3, u.b);
@@ -880,6 +881,12 @@ int card_new_device(int dev)
 	uint64_t features = 0;
 	rte_vhost_get_negotiated_features(dev, &features);
 	uint16_t nr_vring = rte_vhost_get_vring_num(dev);
+	/*
+	 * The card polls every virtqueue, so the peer need not kick it: without
+	 * this a virtio peer makes a system call (an eventfd write) per burst.
+	 */
+	for (uint16_t i = 0; i < nr_vring; i++)
+		rte_vhost_enable_guest_notification(dev, i, 0);
 	uint16_t nb_txq = std::max<uint16_t>(nr_vring / ZORV1_QNUM, 1);
 	auto *txq = static_cast<struct card_txq_hold *>(
 		rte_zmalloc_socket("zorv_card_txq", sizeof(struct card_txq_hold) * nb_txq,
@@ -1141,6 +1148,8 @@ uint16_t rte_zorv1_vhost_dequeue_burst(struct zorv1_vdev_rxq *rxq, struct rte_mb
 
 	uint16_t vport = static_cast<uint16_t>(internal->comm.flow_data.priv_port);
 	uint32_t mtu = zorv_fw_get_vport_mtu(vport);
+	/* Frames before this one came from the ring: the classifier steered them already. */
+	const uint16_t from_peer = nb;
 	while (nb < count) {
 		uint16_t want = count - nb;
 		uint16_t got = rte_vhost_dequeue_burst(c->dev, vq, rxq->mb_pool, &pkts[nb], want);
@@ -1148,6 +1157,10 @@ uint16_t rte_zorv1_vhost_dequeue_burst(struct zorv1_vdev_rxq *rxq, struct rte_mb
 		if (got < want)
 			break;
 	}
+	/* With no flow rule installed this is one load and compare. */
+	struct zorv_flow_priv *flow = &internal->comm.flow_data;
+	if (nb > from_peer && zorv_flow_active(flow))
+		nb = from_peer + zorv_flow_rx_dispatch(flow, rxq, &pkts[from_peer], nb - from_peer);
 	return nb;
 }
 

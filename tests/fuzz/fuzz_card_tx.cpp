@@ -63,6 +63,7 @@
 #include "zorv1_ethdev.h"
 #include "zorv1_vhost.h"
 #include "zorv_dev_mgr_internal.h"
+#include "zorv_flow.h"
 #include "zorv_fuzz_env.h"
 #include "zorv_fw.h"
 #include "zorv_vhost_card.h"
@@ -116,6 +117,14 @@ uint32_t zorv_fw_get_vport_mtu(uint16_t vport)
 void zorv_fw_count_mtu_drop(uint16_t vport)
 {
 	Fail("zorv_fw_count_mtu_drop(%u) reached", vport);
+}
+uint16_t zorv_flow_rx_dispatch(struct zorv_flow_priv *p, struct zorv1_vdev_rxq *rxq,
+			       struct rte_mbuf **pkts, uint16_t n)
+{
+	(void)p;
+	(void)rxq;
+	(void)pkts;
+	Fail("zorv_flow_rx_dispatch(%u packets) reached", n);
 }
 
 } // extern "C"

@@ -1224,6 +1224,7 @@ struct RigOptions {
 	uint16_t port_queues = 1;
 	uint16_t peer_queues = 1;
 	uint64_t peer_rx_offloads = 0;
+	uint64_t peer_tx_offloads = 0;
 	bool iface_by_name = false; /* iface without '/', served in the socket directory */
 };
 
@@ -1283,8 +1284,8 @@ public:
 		ASSERT_EQ(rte_vdev_init(peer_name_.c_str(), args.c_str()), 0);
 		peer_open_ = true;
 		ASSERT_EQ(rte_eth_dev_get_port_by_name(peer_name_.c_str(), &peer_), 0);
-		ASSERT_EQ(StartPort(peer_, opt_.peer_queues, peer_pool_->get(), opt_.peer_rx_offloads, 0,
-				    1024),
+		ASSERT_EQ(StartPort(peer_, opt_.peer_queues, peer_pool_->get(), opt_.peer_rx_offloads,
+				    opt_.peer_tx_offloads, 1024),
 			  0);
 		ASSERT_TRUE(WaitFor([&] { return LinkUp(port_); })) << "link of the port stays down";
 		vid_ = zorv_card_iface_vid(iface_.c_str());
@@ -1360,7 +1361,7 @@ TEST_F(CardPeer, ConnectionBindsTheInterfaceSfiAndBringsTheLinkUp)
 
 	uint64_t f = zorv_card_conn_features(vid_);
 	EXPECT_NE(f & (1ULL << 32), 0u) << "VERSION_1";
-	EXPECT_EQ(f & kHostCsum, 0u) << "the peer must not offload its checksums to the port";
+	EXPECT_EQ(f & kHostCsum, 0u) << "a peer without transmit offloads sends complete frames";
 	EXPECT_EQ(f & kGuestCsum, 0u) << "a peer without receive offloads does not take partial checksums";
 }
 
@@ -2040,6 +2041,139 @@ TEST_F(CardPeerOffload, TsoPacketsReachThePeerWhole)
 		EXPECT_TRUE(SameFrame(b, want)) << (v6 ? "v6" : "v4");
 		rte_pktmbuf_free(got[0]);
 	}
+}
+
+/* A peer that leaves checksums and TCP segmentation to the card, as a guest kernel does. */
+class CardPeerSendsOffloads : public CardPeer {
+protected:
+	Options Opts() const override
+	{
+		Options o;
+		o.peer_tx_offloads = RTE_ETH_TX_OFFLOAD_TCP_CKSUM | RTE_ETH_TX_OFFLOAD_UDP_CKSUM |
+				     RTE_ETH_TX_OFFLOAD_TCP_TSO;
+		return o;
+	}
+
+	/* frames of shape s leave the peer asking for their L4 checksum (and TSO with mss). */
+	void PeerSends(const std::vector<FrameShape> &shapes, uint32_t mss = 0)
+	{
+		std::vector<struct rte_mbuf *> pkts;
+		for (const FrameShape &s : shapes) {
+			Bytes f = BuildFrame(s);
+			Put16(f, L4CksumOff(s), 0x1234); /* the peer never fills it */
+			struct rte_mbuf *m = ToMbuf(tx_pool_->get(), f, 2000);
+			ASSERT_NE(m, nullptr);
+			m->l2_len = L2Len(s);
+			m->l3_len = L3Len(s);
+			m->l4_len = L4Len(s);
+			m->ol_flags |= (s.v6 ? RTE_MBUF_F_TX_IPV6 : RTE_MBUF_F_TX_IPV4) |
+				       (s.tcp ? RTE_MBUF_F_TX_TCP_CKSUM : RTE_MBUF_F_TX_UDP_CKSUM);
+			if (mss != 0) {
+				m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+				m->tso_segsz = static_cast<uint16_t>(mss);
+			}
+			pkts.push_back(m);
+		}
+		uint16_t n = static_cast<uint16_t>(pkts.size());
+		ASSERT_EQ(rte_eth_tx_prepare(peer_, 0, pkts.data(), n), n);
+		ASSERT_EQ(SendAll(peer_, 0, pkts.data(), n), n);
+	}
+
+	static struct zorv_card_rx_stats Stats()
+	{
+		struct zorv_card_rx_stats st;
+		zorv_card_get_rx_stats(&st);
+		return st;
+	}
+};
+
+TEST_F(CardPeerSendsOffloads, PartialChecksumsAreCompletedBeforeThePortSeesTheFrames)
+{
+	uint64_t f = zorv_card_conn_features(vid_);
+	ASSERT_NE(f & kHostCsum, 0u) << "the peer negotiated CSUM";
+
+	std::vector<FrameShape> shapes;
+	for (bool v6 : {false, true})
+		for (bool tcp : {false, true})
+			for (uint32_t payload : {1u, 333u, 1400u}) {
+				FrameShape s;
+				s.v6 = v6;
+				s.tcp = tcp;
+				s.payload = payload;
+				s.seed = static_cast<uint8_t>(shapes.size());
+				shapes.push_back(s);
+			}
+	struct zorv_card_rx_stats before = Stats();
+	ASSERT_NO_FATAL_FAILURE(PeerSends(shapes));
+	std::vector<Bytes> got = ReceiveFrames(port_, 0, shapes.size());
+	ASSERT_EQ(got.size(), shapes.size());
+	for (size_t i = 0; i < shapes.size(); i++)
+		EXPECT_TRUE(SameFrame(got[i], BuildFrame(shapes[i])))
+			<< "frame " << i << " " << Describe(shapes[i]);
+	EXPECT_EQ(Stats().csum_completed - before.csum_completed, shapes.size());
+	EXPECT_EQ(Stats().offload_bad, before.offload_bad);
+}
+
+TEST_F(CardPeerSendsOffloads, LargeTcpFramesArriveAsSegmentsOfThePeersSize)
+{
+	for (bool v6 : {false, true}) {
+		FrameShape s;
+		s.v6 = v6;
+		s.tcp = true;
+		s.payload = 6000;
+		s.tcp_flags = RTE_TCP_ACK_FLAG | RTE_TCP_PSH_FLAG;
+		std::vector<Bytes> want = ExpectedSegments(BuildFrame(s), s, 1400);
+		ASSERT_EQ(want.size(), 5u);
+		struct zorv_card_rx_stats before = Stats();
+		ASSERT_NO_FATAL_FAILURE(PeerSends({s}, 1400));
+		std::vector<Bytes> got = ReceiveFrames(port_, 0, want.size());
+		ASSERT_EQ(got.size(), want.size()) << Describe(s);
+		for (size_t i = 0; i < want.size(); i++)
+			EXPECT_TRUE(SameFrame(got[i], want[i])) << Describe(s) << " segment " << i;
+		EXPECT_EQ(Stats().gso_frames - before.gso_frames, 1u);
+		EXPECT_EQ(Stats().gso_segments - before.gso_segments, 5u);
+		EXPECT_EQ(Drain(port_, 0), 0u);
+	}
+}
+
+TEST_F(CardPeerSendsOffloads, SegmentsBeyondOneBurstFollowInTheNextOneInOrder)
+{
+	FrameShape big;
+	big.tcp = true;
+	big.payload = 60000;
+	FrameShape small = big;
+	small.payload = 100;
+	small.seed = 7;
+	std::vector<Bytes> want = ExpectedSegments(BuildFrame(big), big, 1000);
+	ASSERT_EQ(want.size(), 60u);
+	want.push_back(BuildFrame(small));
+
+	ASSERT_NO_FATAL_FAILURE(PeerSends({big}, 1000));
+	ASSERT_NO_FATAL_FAILURE(PeerSends({small}));
+	std::vector<Bytes> got = ReceiveFrames(port_, 0, want.size());
+	ASSERT_EQ(got.size(), want.size());
+	for (size_t i = 0; i < want.size(); i++)
+		EXPECT_TRUE(SameFrame(got[i], want[i])) << "frame " << i;
+}
+
+TEST_F(CardPeerSendsOffloads, SegmentsStillWaitingAreDroppedWithTheConnection)
+{
+	FrameShape big;
+	big.tcp = true;
+	big.payload = 60000;
+	ASSERT_NO_FATAL_FAILURE(PeerSends({big}, 1000));
+
+	/* One burst of the port's own size: 32 segments, the other 28 wait. */
+	struct rte_mbuf *burst[32];
+	uint16_t n = 0;
+	ASSERT_TRUE(WaitFor([&] { return (n = rte_eth_rx_burst(port_, 0, burst, 32)) != 0; }));
+	EXPECT_EQ(n, 32);
+	rte_pktmbuf_free_bulk(burst, n);
+	EXPECT_EQ(port_pool_->InUse(), 28u) << "segments waiting for the next burst";
+
+	DetachPeer();
+	EXPECT_TRUE(WaitFor([&] { return port_pool_->InUse() == 0; }))
+		<< port_pool_->InUse() << " mbufs of the port's pool outlived the connection";
 }
 
 } // namespace

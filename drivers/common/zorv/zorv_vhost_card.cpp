@@ -40,6 +40,7 @@
 #include <rte_ring.h>
 #include <rte_tcp.h>
 #include <rte_udp.h>
+#include <rte_telemetry.h>
 #include <rte_vhost.h>
 
 #include "zorv1_ethdev.h"
@@ -55,18 +56,24 @@ namespace {
 /* ---- Records and constants ---- */
 
 /* Feature bits the data path looks at. */
+constexpr uint64_t F_CSUM = 1ULL << 0;
 constexpr uint64_t F_GUEST_CSUM = 1ULL << 1;
+constexpr uint64_t F_HOST_TSO4 = 1ULL << 11;
+constexpr uint64_t F_HOST_TSO6 = 1ULL << 12;
 constexpr uint64_t F_GUEST_TSO4 = 1ULL << 7;
 constexpr uint64_t F_GUEST_TSO6 = 1ULL << 8;
 
-static_assert((ZORV_CARD_VIRTIO_FEATURES & (1ULL << 0)) == 0,
-	      "the peer must not hand the port partially checksummed frames");
+static_assert((ZORV_CARD_VIRTIO_FEATURES & (1ULL << 14)) == 0,
+	      "the card does not segment UDP: the peer must not send UFO frames");
 static_assert(ZORV_CARD_MAX_IFACES <= ZORV_CARD_SFI_MAX, "every slot needs an sfi");
 
 constexpr size_t SOCK_PATH_MAX = sizeof(((struct sockaddr_un *)nullptr)->sun_path);
 
 /* Virtqueues tracked per connection (the vhost library's limit). */
 constexpr unsigned int MAX_VRINGS = 256;
+
+/* Frames the port's receive burst asks the transport for at a time, at most. */
+constexpr uint16_t RX_CHUNK_MAX = 32;
 
 /* Offload requests the card acts on before the copy. */
 constexpr uint64_t TX_OFFLOAD_MASK = RTE_MBUF_F_TX_IP_CKSUM | RTE_MBUF_F_TX_L4_MASK |
@@ -116,6 +123,7 @@ struct card_conn {
 	int slot = -1;                          /* interface slot */
 	uint32_t sfi = INVALID_SFI;             /* bound hardware function */
 	std::atomic<uint64_t> features;         /* negotiated virtio features */
+	bool rx_offloads;                       /* the peer may send checksum/GSO requests */
 	uint16_t nb_txq;                        /* entries of txq */
 	struct card_txq_hold *txq;              /* per queue pair */
 	bool ready_reported;                    /* queues reported ready to the port */
@@ -151,6 +159,12 @@ public:
 };
 
 /* ---- Helpers ---- */
+
+/* True when the peer negotiated sending frames with offload requests. */
+bool peer_offloads(uint64_t features)
+{
+	return (features & (F_CSUM | F_HOST_TSO4 | F_HOST_TSO6)) != 0;
+}
 
 /* Slot of a registered interface by name or socket path; card_mutex held. */
 int find_iface_locked(const char *name, const char *path)
@@ -227,6 +241,7 @@ void conn_release(int vid, card_conn *c)
 	c->internal.store(nullptr, std::memory_order_relaxed);
 	c->ready_reported = false;
 	c->features.store(0, std::memory_order_relaxed);
+	c->rx_offloads = false;
 	if (c->dev >= 0 && devs[c->dev].conn == vid)
 		devs[c->dev].conn = -1;
 	c->dev = -1;
@@ -797,6 +812,180 @@ uint16_t mtu_filter(struct rte_mbuf **pkts, uint16_t n, uint32_t mtu, uint16_t v
 	return kept;
 }
 
+/* ---- Receive offloads ---- */
+
+/*
+ * What the card did with the offload requests of the frames its peers sent
+ * (process-wide; /zorv1/card_stats).
+ */
+struct card_rx_stats {
+	std::atomic<uint64_t> csum_completed; /* L4 checksums the card completed */
+	std::atomic<uint64_t> gso_frames;     /* large frames the card segmented */
+	std::atomic<uint64_t> gso_segments;   /* frames made of them */
+	std::atomic<uint64_t> offload_bad;    /* requests the frame did not support: sent as is */
+	std::atomic<uint64_t> nombuf;         /* large frames dropped: no mbufs for the segments */
+	std::atomic<uint64_t> ring_full;      /* segments dropped: the queue's ring was full */
+};
+card_rx_stats rx_stats;
+
+inline void count(std::atomic<uint64_t> &c, uint64_t n = 1)
+{
+	c.fetch_add(n, std::memory_order_relaxed);
+}
+
+/* The request a frame from the peer carries, as the vhost library marks it. */
+inline bool rx_wants_offload(const struct rte_mbuf *m)
+{
+	return (m->ol_flags & RTE_MBUF_F_RX_LRO) != 0 ||
+	       (m->ol_flags & RTE_MBUF_F_RX_L4_CKSUM_MASK) == RTE_MBUF_F_RX_L4_CKSUM_NONE;
+}
+
+/*
+ * Carry out what the peer left to the card for one frame: the port
+ * advertises no receive offload, so every frame it delivers is complete. A
+ * frame whose L4 checksum the peer left partial (NEEDS_CSUM) gets its
+ * complete checksum; a large TCP frame (GSO) is cut into segments of its
+ * gso_size from the queue's pool, each with its own headers and checksums,
+ * and freed. The card's transmit offload code does both. Returns the frames
+ * to deliver in out[] (m itself, or its segments), 0 when m was dropped.
+ */
+int rx_offload_one(struct rte_mbuf *m, struct rte_mempool *pool, struct rte_mbuf **out)
+{
+	bool gso = (m->ol_flags & RTE_MBUF_F_RX_LRO) != 0;
+	uint32_t l4 = m->packet_type & RTE_PTYPE_L4_MASK;
+	uint64_t want = l4 == RTE_PTYPE_L4_UDP ? RTE_MBUF_F_TX_UDP_CKSUM : RTE_MBUF_F_TX_TCP_CKSUM;
+	if (gso && l4 == RTE_PTYPE_L4_TCP)
+		want |= RTE_MBUF_F_TX_TCP_SEG;
+	m->ol_flags = want;
+	out[0] = m;
+
+	int ret = zorv_card_tx_prepare(0, m);
+	if (ret == ZORV_CARD_TX_SEGMENT) {
+		int n = zorv_card_tx_segments(pool, m, out, ZORV_CARD_TSO_SEGS_MAX);
+		if (n <= 0) {
+			if (n == -ENOMEM)
+				count(rx_stats.nombuf);
+			else
+				count(rx_stats.offload_bad);
+			rte_pktmbuf_free(m);
+			return 0;
+		}
+		rte_pktmbuf_free(m);
+		count(rx_stats.gso_frames);
+		count(rx_stats.gso_segments, static_cast<uint64_t>(n));
+		return n;
+	}
+	if (ret < 0)
+		count(rx_stats.offload_bad); /* goes as it is */
+	else
+		count(rx_stats.csum_completed);
+	m->ol_flags = 0;
+	return 1;
+}
+
+/*
+ * Complete the offload requests of n frames just dequeued into pkts, which
+ * has room for room frames. Segments that do not fit go, in order, to the
+ * queue's ring after the MTU check and the flow classifier (the ring holds
+ * frames already classified), and so does every frame behind them in this
+ * burst, so that a flow keeps its order. Returns the frames left in pkts.
+ */
+uint16_t rx_offloads(struct zorv1_vdev_rxq *rxq, struct rte_mbuf **pkts, uint16_t n,
+		     uint16_t room, uint32_t mtu, uint16_t vport)
+{
+	struct rte_mbuf *keep[RX_CHUNK_MAX];
+	struct rte_mbuf *spill[ZORV_CARD_TSO_SEGS_MAX + RX_CHUNK_MAX];
+	struct rte_mbuf *segs[ZORV_CARD_TSO_SEGS_MAX];
+	uint16_t nkeep = 0;
+	uint32_t nspill = 0;
+
+	room = std::min<uint16_t>(room, RX_CHUNK_MAX);
+	for (uint16_t i = 0; i < n; i++) {
+		int k = 1;
+		segs[0] = pkts[i];
+		if (rx_wants_offload(pkts[i]))
+			k = rx_offload_one(pkts[i], rxq->mb_pool, segs);
+		for (int j = 0; j < k; j++) {
+			if (nspill == 0 && nkeep < room)
+				keep[nkeep++] = segs[j];
+			else if (nspill < RTE_DIM(spill))
+				spill[nspill++] = segs[j];
+			else
+				rte_pktmbuf_free(segs[j]); /* cannot happen: room for one GSO frame */
+		}
+		if (nspill > ZORV_CARD_TSO_SEGS_MAX)
+			break;
+	}
+	memcpy(pkts, keep, sizeof(keep[0]) * nkeep);
+	if (nspill == 0)
+		return nkeep;
+
+	uint32_t left = nspill;
+	if (mtu != 0)
+		left = mtu_filter(spill, static_cast<uint16_t>(left), mtu, vport);
+	struct zorv_flow_priv *flow = &rxq->internal->comm.flow_data;
+	if (left != 0 && zorv_flow_active(flow))
+		left = zorv_flow_rx_dispatch(flow, rxq, spill, static_cast<uint16_t>(left));
+	struct rte_ring *ring = zorv1_get_ring_by_local_id(rxq->local_id);
+	uint32_t done = ring == nullptr ? 0
+					: rte_ring_enqueue_burst(ring, reinterpret_cast<void *const *>(spill),
+								 left, nullptr);
+	if (done < left) {
+		count(rx_stats.ring_full, left - done);
+		rte_pktmbuf_free_bulk(&spill[done], left - done);
+	}
+	return nkeep;
+}
+
+int card_stats_telemetry(const char *, const char *, struct rte_tel_data *d)
+{
+	struct zorv_card_rx_stats st;
+	zorv_card_get_rx_stats(&st);
+	rte_tel_data_start_dict(d);
+	rte_tel_data_add_dict_u64(d, "rx_csum_completed", st.csum_completed);
+	rte_tel_data_add_dict_u64(d, "rx_gso_frames", st.gso_frames);
+	rte_tel_data_add_dict_u64(d, "rx_gso_segments", st.gso_segments);
+	rte_tel_data_add_dict_u64(d, "rx_offload_bad", st.offload_bad);
+	rte_tel_data_add_dict_u64(d, "rx_offload_nombuf", st.nombuf);
+	rte_tel_data_add_dict_u64(d, "rx_ring_full", st.ring_full);
+	return 0;
+}
+
+/* Telemetry accepts commands before EAL start-up. */
+__attribute__((constructor)) void card_register_telemetry(void)
+{
+	rte_telemetry_register_cmd("/zorv1/card_stats", card_stats_telemetry,
+				   "Counters of the emulated card's offload work. No parameters");
+}
+
+/*
+ * Frames of a connection that went away and still wait in its port's
+ * receive rings (segments that did not fit a burst, frames the classifier
+ * steered) are dropped with it, once the port's receive gates are closed
+ * and drained: no burst dequeues from those rings any more, and a later
+ * connection starts afresh.
+ */
+void drop_waiting_frames(int vid, const card_conn *c)
+{
+	struct rte_eth_dev *eth = zorv1_dev_get_ethdev_by_vid(vid);
+	if (eth == nullptr || eth->data == nullptr || eth->data->rx_queues == nullptr ||
+	    eth->data->dev_private != c->internal.load(std::memory_order_acquire))
+		return;
+	for (uint16_t i = 0; i < eth->data->nb_rx_queues; i++) {
+		auto *rxq = static_cast<struct zorv1_vdev_rxq *>(eth->data->rx_queues[i]);
+		if (rxq == nullptr || rte_atomic32_read(&rxq->allow_queuing) != 0 ||
+		    rte_atomic32_read(&rxq->while_queuing) != 0)
+			continue;
+		struct rte_ring *ring = zorv1_get_ring_by_local_id(rxq->local_id);
+		struct rte_mbuf *m[RX_CHUNK_MAX];
+		unsigned int n;
+		while (ring != nullptr &&
+		       (n = rte_ring_dequeue_burst(ring, reinterpret_cast<void **>(m), RTE_DIM(m),
+						   nullptr)) != 0)
+			rte_pktmbuf_free_bulk(m, n);
+	}
+}
+
 /* ---- vhost callbacks ---- */
 
 int card_new_connection(int dev)
@@ -906,6 +1095,7 @@ int card_new_device(int dev)
 	c->slot = slot;
 	c->sfi = static_cast<uint32_t>(slot) + ZORV_CARD_SFI_MIN;
 	c->features.store(features, std::memory_order_relaxed);
+	c->rx_offloads = peer_offloads(features);
 	c->nb_txq = nb_txq;
 	c->txq = txq;
 	c->ready_reported = false;
@@ -967,6 +1157,7 @@ void card_destroy_device(int dev)
 	} else {
 		/* Closes and drains the port's gates before it returns. */
 		zorv1_dpu_vdev_destroy_conn(vid);
+		drop_waiting_frames(vid, c);
 	}
 	conn_release(vid, c);
 	g_dpdk_cp_stat.del_device_suc++;
@@ -1010,8 +1201,10 @@ int card_vring_state_changed(int dev, uint16_t queue, int enable)
 int card_features_changed(int dev, uint64_t features)
 {
 	card_conn *c = conn_of_dev(dev);
-	if (c != nullptr)
+	if (c != nullptr) {
 		c->features.store(features, std::memory_order_relaxed);
+		c->rx_offloads = peer_offloads(features);
+	}
 	return 0;
 }
 
@@ -1153,7 +1346,10 @@ uint16_t rte_zorv1_vhost_dequeue_burst(struct zorv1_vdev_rxq *rxq, struct rte_mb
 	while (nb < count) {
 		uint16_t want = count - nb;
 		uint16_t got = rte_vhost_dequeue_burst(c->dev, vq, rxq->mb_pool, &pkts[nb], want);
-		nb += mtu != 0 ? mtu_filter(&pkts[nb], got, mtu, vport) : got;
+		uint16_t ready = got;
+		if (c->rx_offloads)
+			ready = rx_offloads(rxq, &pkts[nb], got, want, mtu, vport);
+		nb += mtu != 0 ? mtu_filter(&pkts[nb], ready, mtu, vport) : ready;
 		if (got < want)
 			break;
 	}
@@ -1472,6 +1668,16 @@ uint32_t zorv_card_conn_held_mbufs(int vid)
 {
 	card_conn *c = live_conn(vid);
 	return c != nullptr ? conn_held(c) : 0;
+}
+
+void zorv_card_get_rx_stats(struct zorv_card_rx_stats *st)
+{
+	st->csum_completed = rx_stats.csum_completed.load(std::memory_order_relaxed);
+	st->gso_frames = rx_stats.gso_frames.load(std::memory_order_relaxed);
+	st->gso_segments = rx_stats.gso_segments.load(std::memory_order_relaxed);
+	st->offload_bad = rx_stats.offload_bad.load(std::memory_order_relaxed);
+	st->nombuf = rx_stats.nombuf.load(std::memory_order_relaxed);
+	st->ring_full = rx_stats.ring_full.load(std::memory_order_relaxed);
 }
 
 uint32_t zorv_card_iface_count(void)

@@ -22,9 +22,14 @@
  *     be handed to the peer in the virtio-net header. When a peer did not
  *     negotiate them, the card computes the checksums and segments TSO
  *     packets itself before the copy (see "Transmit offloads").
- *   transmit side of the peer: no CSUM and no HOST_TSO. The port advertises
- *     no receive offload, so every frame it delivers must be complete and
- *     checksummed, and within the firmware MTU of its virtual port.
+ *   transmit side of the peer: CSUM, HOST_TSO4 and HOST_TSO6, so that a
+ *     guest kernel keeps its checksum and TSO offloads. The port advertises
+ *     no receive offload, so every frame it delivers must be complete: the
+ *     card completes a checksum the peer left partial and cuts a large TCP
+ *     frame into segments of the peer's gso_size, with the same code as its
+ *     transmit offloads (see "Receive offloads"). Every frame is within the
+ *     firmware MTU of the port's virtual port. No HOST_UFO: UDP is not
+ *     segmented.
  *   and MQ, CTRL_VQ, CTRL_RX, ANY_LAYOUT, INDIRECT_DESC, VERSION_1,
  *   RING_PACKED, IN_ORDER and the vhost-user protocol features.
  *
@@ -80,6 +85,18 @@
  *   checksums and UDP segmentation are not offered; such requests are
  *   cleared.
  *
+ * Receive offloads: a frame the peer sent with a partial checksum or as a
+ * large TCP frame (marked by the vhost library with RX_L4_CKSUM_NONE or
+ * RX_LRO) is completed or segmented before the port sees it; the segments
+ * come from the receive queue's mbuf pool. Segments that do not fit the
+ * port's burst wait in the queue's ring, after the MTU check and the flow
+ * classifier, together with the frames behind them in the same burst, so
+ * that every flow keeps its order; the next burst takes them first. A
+ * request the frame does not support is left undone (the frame goes as it
+ * is); a segmentation without mbufs drops the frame. Counters:
+ * /zorv1/card_stats (rx_csum_completed, rx_gso_frames, rx_gso_segments,
+ * rx_offload_bad, rx_offload_nombuf, rx_ring_full).
+ *
  * Transmitted mbufs: the virtio copy leaves accepted mbufs with the card,
  * which keeps them readable until the port's transmit burst has returned
  * (the burst reads them after its last enqueue) and frees them at the start
@@ -126,9 +143,12 @@ extern "C" {
 
 /* Virtio feature bits offered to the peer (see above). */
 #define ZORV_CARD_VIRTIO_FEATURES                                            \
-	((1ULL << 1) /* VIRTIO_NET_F_GUEST_CSUM */ |                         \
+	((1ULL << 0) /* VIRTIO_NET_F_CSUM */ |                               \
+	 (1ULL << 1) /* VIRTIO_NET_F_GUEST_CSUM */ |                         \
 	 (1ULL << 7) /* VIRTIO_NET_F_GUEST_TSO4 */ |                         \
 	 (1ULL << 8) /* VIRTIO_NET_F_GUEST_TSO6 */ |                         \
+	 (1ULL << 11) /* VIRTIO_NET_F_HOST_TSO4 */ |                         \
+	 (1ULL << 12) /* VIRTIO_NET_F_HOST_TSO6 */ |                         \
 	 (1ULL << 15) /* VIRTIO_NET_F_MRG_RXBUF */ |                         \
 	 (1ULL << 17) /* VIRTIO_NET_F_CTRL_VQ */ |                           \
 	 (1ULL << 18) /* VIRTIO_NET_F_CTRL_RX */ |                           \
@@ -160,6 +180,19 @@ uint32_t zorv_card_conn_held_mbufs(int vid);
 
 /* Number of registered interfaces. */
 uint32_t zorv_card_iface_count(void);
+
+/* What the card did with the offload requests of frames from its peers. */
+struct zorv_card_rx_stats {
+	uint64_t csum_completed; /* L4 checksums completed */
+	uint64_t gso_frames;     /* large TCP frames segmented */
+	uint64_t gso_segments;   /* frames made of them */
+	uint64_t offload_bad;    /* requests the frame did not support: sent as is */
+	uint64_t nombuf;         /* large frames dropped: no mbufs for the segments */
+	uint64_t ring_full;      /* segments dropped: the queue's ring was full */
+};
+
+/* The card's receive offload counters since start (all peers). */
+void zorv_card_get_rx_stats(struct zorv_card_rx_stats *st);
 
 struct rte_mbuf;
 struct rte_mempool;

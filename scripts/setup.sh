@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Idempotent machine set-up for building and testing net_zorv1 on Debian 12.
 #  - installs the toolchain, DPDK 22.11 and the test peers from Debian's packages;
+#  - builds the test guest (a Linux VM peer) into build/vm from those packages;
 #  - fetches DPDK's driver-SDK headers (not shipped by libdpdk-dev) from Debian's
 #    source package of exactly the installed DPDK version into build/sdk/include.
 # Usage: scripts/setup.sh [build-dir]   (default: ./build)
@@ -18,6 +19,7 @@ pkgs=(
   libjansson-dev
   iproute2 iputils-ping netcat-openbsd python3 gnuplot-nox
   dpkg-dev xz-utils
+  qemu-system-x86 linux-image-cloud-amd64 busybox-static ethtool cpio
 )
 missing=()
 for p in "${pkgs[@]}"; do
@@ -65,3 +67,7 @@ if [ $have = 0 ]; then
   echo "$ver" > "$sdk/VERSION"
   echo "setup: SDK headers of dpdk $ver in $sdk"
 fi
+
+# The test guest: Debian's cloud kernel and an initramfs of busybox and the
+# virtio network modules (seconds; rebuilt only when its inputs change).
+"$here/scripts/vm/build-initramfs.sh" "$build/vm" >/dev/null

@@ -35,14 +35,14 @@ what the card delivered.
 
 import os
 import re
-import select
-import signal
 import subprocess
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import zorv_e2e as e2e  # noqa: E402
+from zorv_netns import (TCP_CLIENT, TCP_SERVER, Namespace, NsProc, in_ns,  # noqa: E402
+                        link_exists, run)
 
 SKIP = 77
 NS1, NS2 = "zns1", "zns2"
@@ -55,50 +55,6 @@ CRAFTED_PER_KIND = 20
 MIN_DATA_PACKETS = TRANSFER_BYTES // 1500
 
 # -- programs run inside the namespaces ---------------------------------------
-
-TCP_SERVER = r"""
-import hashlib, socket, sys
-addr, port = sys.argv[1], int(sys.argv[2])
-s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-s.bind((addr, port))
-s.listen(1)
-s.settimeout(60)
-print("listening", flush=True)
-c, _ = s.accept()
-c.settimeout(60)
-h = hashlib.sha256()
-n = 0
-while True:
-    b = c.recv(1 << 16)
-    if not b:
-        break
-    h.update(b)
-    n += len(b)
-reply = "got %d %s" % (n, h.hexdigest())
-c.sendall((reply + "\n").encode())
-c.close()
-print(reply, flush=True)
-"""
-
-TCP_CLIENT = r"""
-import hashlib, os, socket, sys, time
-addr, port, n = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
-data = os.urandom(n)
-t0 = time.monotonic()
-c = socket.create_connection((addr, port), timeout=60)
-c.sendall(data)
-c.shutdown(socket.SHUT_WR)
-reply = b""
-while True:
-    b = c.recv(4096)
-    if not b:
-        break
-    reply += b
-c.close()
-print("sent %d %s %.2f" % (n, hashlib.sha256(data).hexdigest(), time.monotonic() - t0))
-print("reply " + reply.decode().strip(), flush=True)
-"""
 
 # Counts the UDP datagrams that reach two ports until told to stop (stdin EOF).
 UDP_COUNTER = r"""
@@ -191,65 +147,6 @@ def log(msg):
     print("[kernel_tap] " + msg, flush=True)
 
 
-def run(argv, timeout=30, check=True):
-    try:
-        r = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                           timeout=timeout)
-    except subprocess.TimeoutExpired:
-        e2e.fail("%s timed out after %ss" % (" ".join(argv), timeout))
-    out = r.stdout.decode("utf-8", "replace")
-    err = r.stderr.decode("utf-8", "replace")
-    if check and r.returncode != 0:
-        e2e.fail("%s exited with %d: %s%s" % (" ".join(argv), r.returncode, out, err))
-    return r.returncode, out, err
-
-
-def in_ns(ns, *argv):
-    return ["ip", "netns", "exec", ns] + list(argv)
-
-
-class NsProc:
-    """A program running inside a namespace; killed with its group on stop()."""
-
-    def __init__(self, ns, code, *args):
-        self.proc = subprocess.Popen(in_ns(ns, "python3", "-c", code, *[str(a) for a in args]),
-                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, start_new_session=True)
-
-    def readline(self, timeout):
-        """One line of the program's output, read unbuffered so finish() gets the rest."""
-        fd = self.proc.stdout.fileno()
-        line = b""
-        deadline = time.monotonic() + timeout
-        while not line.endswith(b"\n"):
-            left = deadline - time.monotonic()
-            ready, _, _ = select.select([fd], [], [], max(left, 0))
-            if not ready:
-                self.stop()
-                e2e.fail("no output within %ss from a program in a namespace" % timeout)
-            b = os.read(fd, 1)
-            if not b:
-                break
-            line += b
-        return line.decode("utf-8", "replace").strip()
-
-    def finish(self, timeout):
-        try:
-            out, err = self.proc.communicate(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            self.stop()
-            e2e.fail("a program in a namespace did not finish within %ss" % timeout)
-        return self.proc.returncode, out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
-
-    def stop(self):
-        if self.proc.poll() is None:
-            try:
-                os.killpg(self.proc.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            self.proc.wait(timeout=5)
-
-
 _procs = []
 
 
@@ -257,11 +154,6 @@ def ns_proc(ns, code, *args):
     p = NsProc(ns, code, *args)
     _procs.append(p)
     return p
-
-
-def link_exists(name, ns=None):
-    argv = ["ip"] + (["-n", ns] if ns else []) + ["link", "show", "dev", name]
-    return subprocess.run(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
 
 def remove_network():
@@ -278,21 +170,12 @@ def remove_network():
 
 def make_namespaces():
     for ns in (NS1, NS2):
-        run(["ip", "netns", "add", ns])
-        run(in_ns(ns, "ip", "link", "set", "lo", "up"))
-        # IPv6 off: only the test's own IPv4 traffic crosses the path, so
-        # the kernel's counters below change only because of it.
-        for conf in ("all", "default"):
-            run(in_ns(ns, "sh", "-c", "echo 1 > /proc/sys/net/ipv6/conf/%s/disable_ipv6" % conf))
+        Namespace(ns).create()
 
 
 def move_tap(ifc, ns, addr):
     """Puts a TAP interface that net_tap created in the root namespace into ns."""
-    if not e2e.wait_until(lambda: link_exists(ifc), 10):
-        e2e.fail("net_tap did not create %s" % ifc)
-    run(["ip", "link", "set", ifc, "netns", ns])
-    run(["ip", "-n", ns, "addr", "add", addr + "/24", "dev", ifc])
-    run(["ip", "-n", ns, "link", "set", ifc, "up"])
+    Namespace(ns).take_tap(ifc, addr + "/24")
 
 
 def mac_of(ifc, ns):

@@ -180,49 +180,37 @@ def _kill_group(proc, grace=3.0):
             pass
 
 
-class Testpmd:
-    """dpdk-testpmd driven through its interactive command line (see module doc)."""
+class Console:
+    """A program whose merged stdout/stderr is read into a buffer by a thread
+    and whose stdin takes lines: the common part of Testpmd and the guest of
+    zorv_vm. The process runs in its own process group; close() stops it."""
 
-    def __init__(self, lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
-                 lcores="0-1", mem_mb=1024, env=None, log_path=None):
-        self.prefix = prefix or unique_prefix("pmd")
-        self.argv = ["stdbuf", "-o0", "-e0", "dpdk-testpmd", "-l", lcores,
-                     "--no-huge", "--no-pci", "-m", str(mem_mb),
-                     "--file-prefix=" + self.prefix]
-        if lib:
-            self.argv += ["-d", os.path.abspath(lib)]
-        for v in vdevs:
-            self.argv += ["--vdev", v]
-        self.argv += list(eal_args)
-        self.argv += ["--", "-i", "--nb-cores=1", "--total-num-mbufs=16384"]
-        self.argv += list(app_args)
+    name = "process"
+
+    def __init__(self, argv, env=None, log_path=None):
+        self.argv = list(argv)
         self.env = dict(os.environ)
         if env:
             self.env.update(env)
         self.log_path = log_path
         self.proc = None
-        self._buf = []
         self._text = ""
         self._cond = threading.Condition()
         self._reader = None
         self._eof = False
 
-    # -- process -------------------------------------------------------
-    def start(self, timeout=30):
+    def spawn(self):
         self.proc = subprocess.Popen(self.argv, stdin=subprocess.PIPE,
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                      env=self.env, start_new_session=True)
-        self._reader = threading.Thread(target=self._read_loop, daemon=True)
+        self._text = ""
+        self._eof = False
+        self._reader = threading.Thread(target=self._read_loop, args=(self.proc,), daemon=True)
         self._reader.start()
-        self._until_prompt(0, timeout, "start-up")
-        # Start-up text is returned whole: checks look for the driver's lines.
-        raw = self.output
-        i = raw.rfind(PROMPT)
-        return raw[:i] if i >= 0 else raw
 
-    def _read_loop(self):
-        fd = self.proc.stdout.fileno()
-        log = open(self.log_path, "w") if self.log_path else None
+    def _read_loop(self, proc):
+        fd = proc.stdout.fileno()
+        log = open(self.log_path, "a") if self.log_path else None
         try:
             while True:
                 try:
@@ -267,8 +255,8 @@ class Testpmd:
                 if m:
                     return m
                 if self._eof:
-                    fail("testpmd exited (rc=%s) while waiting for %r; output tail:\n%s"
-                         % (self.proc.poll(), regex, self._text[-4000:]))
+                    fail("%s exited (rc=%s) while waiting for %r; output tail:\n%s"
+                         % (self.name, self.proc.poll(), regex, self._text[-4000:]))
                 left = deadline - time.monotonic()
                 if left <= 0:
                     fail("timed out after %ss waiting for %r; output tail:\n%s"
@@ -277,13 +265,66 @@ class Testpmd:
 
     def send(self, line):
         if not self.alive():
-            fail("testpmd is not running (rc=%s); cannot send %r" % (
-                self.proc.poll() if self.proc else None, line))
+            fail("%s is not running (rc=%s); cannot send %r" % (
+                self.name, self.proc.poll() if self.proc else None, line))
         try:
             self.proc.stdin.write((line + "\n").encode())
             self.proc.stdin.flush()
         except (BrokenPipeError, OSError) as e:
-            fail("writing %r to testpmd failed: %s" % (line, e))
+            fail("writing %r to %s failed: %s" % (line, self.name, e))
+
+    def stop_process(self):
+        """Kills the process group and waits for the reader; idempotent."""
+        if self.proc is not None:
+            _kill_group(self.proc)
+            for f in (self.proc.stdin, self.proc.stdout):
+                try:
+                    if f:
+                        f.close()
+                except OSError:
+                    pass
+            if self._reader:
+                self._reader.join(timeout=5)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+        return False
+
+    def close(self):
+        self.stop_process()
+
+
+class Testpmd(Console):
+    """dpdk-testpmd driven through its interactive command line (see module doc)."""
+
+    name = "testpmd"
+
+    def __init__(self, lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
+                 lcores="0-1", mem_mb=1024, env=None, log_path=None):
+        self.prefix = prefix or unique_prefix("pmd")
+        argv = ["stdbuf", "-o0", "-e0", "dpdk-testpmd", "-l", lcores,
+                "--no-huge", "--no-pci", "-m", str(mem_mb),
+                "--file-prefix=" + self.prefix]
+        if lib:
+            argv += ["-d", os.path.abspath(lib)]
+        for v in vdevs:
+            argv += ["--vdev", v]
+        argv += list(eal_args)
+        argv += ["--", "-i", "--nb-cores=1", "--total-num-mbufs=16384"]
+        argv += list(app_args)
+        Console.__init__(self, argv, env, log_path)
+
+    # -- process -------------------------------------------------------
+    def start(self, timeout=30):
+        self.spawn()
+        self._until_prompt(0, timeout, "start-up")
+        # Start-up text is returned whole: checks look for the driver's lines.
+        raw = self.output
+        i = raw.rfind(PROMPT)
+        return raw[:i] if i >= 0 else raw
 
     def cmd(self, line, timeout=20):
         start = self.pos
@@ -335,24 +376,8 @@ class Testpmd:
         return self.proc.returncode if self.proc else None
 
     def close(self):
-        if self.proc is not None:
-            _kill_group(self.proc)
-            for f in (self.proc.stdin, self.proc.stdout):
-                try:
-                    if f:
-                        f.close()
-                except OSError:
-                    pass
-            if self._reader:
-                self._reader.join(timeout=5)
+        self.stop_process()
         remove_tree(os.path.join(DPDK_RUN_DIR, self.prefix))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
-        return False
 
 
 # -- parsers of testpmd output ---------------------------------------------

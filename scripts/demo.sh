@@ -3,6 +3,7 @@
 # same process; forwards traffic for a few seconds, then shows the link, the
 # port statistics, the 28 extended statistics and a telemetry answer of the
 # driver's diagnostics, and stops cleanly.
+# VM=1: a Linux guest in QEMU is the peer instead (scripts/vm/demo.py).
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 cd "$here"
@@ -12,6 +13,9 @@ scripts/setup.sh build
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 ninja -C build rte_net_zorv1 >/dev/null
 lib=$here/build/lib/librte_net_zorv1.so
+if [ "${VM:-0}" = 1 ]; then
+  exec python3 scripts/vm/demo.py --lib "$lib" --build "$here/build"
+fi
 
 run=/var/run/zorv1-demo
 prefix=zorv1_demo_$$

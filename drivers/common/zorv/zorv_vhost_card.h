@@ -55,6 +55,18 @@
  * dropped by the card alone, without the port's connection entry points
  * (which take that mutex); the port is going away with it.
  *
+ * Memory tables: a peer sends a new memory table (SET_MEM_TABLE) while its
+ * device runs when a guest boots or its memory is hot-plugged. The vhost
+ * library applies it with every virtqueue lock held and without destroying
+ * the device; the card's bursts reach the virtqueues only through the
+ * library, which takes the same locks (a dequeue finds a locked virtqueue
+ * empty, an enqueue waits until the table is applied), and keep no guest
+ * address between calls. A table change therefore costs the bursts at most
+ * the time the library takes to map it, and the card needs no callback for
+ * it. A change of features on a running device (dirty-page logging) comes
+ * through features_changed, so the library does not destroy the device for
+ * it either.
+ *
  * Transmit offloads: the card parses each frame that requests an offload
  * (RTE_MBUF_F_TX_IP_CKSUM, TCP/UDP checksum, TCP_SEG) and acts on what it
  * finds, not on the mbuf's l2_len/l3_len/l4_len or its IPV4/IPV6 flags: the

@@ -382,6 +382,54 @@ TEST_F(InfoStatsTest, PortWithoutReceiveQueueArrayReportsNothingNotEvenTransmit)
 }
 
 /*
+ * A port may hold one queue array and not the other: each direction is reset
+ * over its own queues.
+ */
+TEST_F(InfoStatsTest, ResetClearsTransmitQueuesOfAPortWithoutReceiveQueueArray)
+{
+	zorv_test::FakePort port({.nb_rx_queues = 0, .nb_tx_queues = 2});
+	ASSERT_TRUE(port);
+	ASSERT_EQ(port.data()->rx_queues, nullptr);
+	struct zorv1_vdev_txq txq[2] = {};
+	FillStats(&txq[0].stats, 5, 500, 2);
+	FillStats(&txq[1].stats, 6, 600, 3);
+	port.data()->tx_queues[0] = &txq[0];
+	port.data()->tx_queues[1] = &txq[1];
+
+	EXPECT_EQ(eth_stats_reset(port.dev()), 0);
+
+	for (const auto &q : txq) {
+		EXPECT_EQ(q.stats.pkts, 0u);
+		EXPECT_EQ(q.stats.bytes, 0u);
+		EXPECT_EQ(q.stats.missed_pkts, 0u);
+	}
+	port.data()->tx_queues[0] = nullptr;
+	port.data()->tx_queues[1] = nullptr;
+}
+
+TEST_F(InfoStatsTest, ResetClearsReceiveQueuesOfAPortWithoutTransmitQueueArray)
+{
+	zorv_test::FakePort port({.nb_rx_queues = 2, .nb_tx_queues = 0});
+	ASSERT_TRUE(port);
+	ASSERT_EQ(port.data()->tx_queues, nullptr);
+	struct zorv1_vdev_rxq rxq[2] = {};
+	FillStats(&rxq[0].stats, 5, 500, 2);
+	FillStats(&rxq[1].stats, 6, 600, 3);
+	port.data()->rx_queues[0] = &rxq[0];
+	port.data()->rx_queues[1] = &rxq[1];
+
+	EXPECT_EQ(eth_stats_reset(port.dev()), 0);
+
+	EXPECT_EQ(rxq[0].stats.pkts, 0u);
+	EXPECT_EQ(rxq[0].stats.bytes, 0u);
+	EXPECT_EQ(rxq[0].stats.missed_pkts, 2u) << "receive missed packets are kept";
+	EXPECT_EQ(rxq[1].stats.pkts, 0u);
+	EXPECT_EQ(rxq[1].stats.bytes, 0u);
+	port.data()->rx_queues[0] = nullptr;
+	port.data()->rx_queues[1] = nullptr;
+}
+
+/*
  * A port that was created but not configured has queue counts and no queue
  * arrays yet; an application may still ask DPDK for its statistics and reset
  * them. Run in a child process so that a crash fails this test only.
@@ -466,49 +514,68 @@ TEST_F(InfoStatsTest, MtuIsNotCheckedByTheDriver)
 					 UINT16_MAX}));
 }
 
-TEST_F(InfoStatsTest, MtuFailureBranchLogsReportsAndAsksToRetry)
+/* The failure branch of the MTU set: reached when the result it starts from is not 0. */
+class MtuFailureTest : public InfoStatsTest {
+protected:
+	void TearDown() override
+	{
+		zorv1_mtu_set_initial_ret = 0;
+		InfoStatsTest::TearDown();
+	}
+};
+
+TEST_F(MtuFailureTest, FailureBranchLogsReportsAndAsksToRetry)
 {
 	VdevPort port("is_mtu_fail", 4);
 	ASSERT_TRUE(port);
+	port.internal()->comm.flow_data.priv_port = 9;
 	const struct dpdk_cp_stat before = g_dpdk_cp_stat;
 	LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_DEBUG);
+	zorv1_mtu_set_initial_ret = -1;
 
-	EXPECT_EQ(zorv1_mtu_set_result(port.dev(), -1), -EAGAIN);
+	EXPECT_EQ(zorv1_mtu_set(port.dev(), 1400), -EAGAIN);
 
-	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_ERR, "zorv1_mtu_set_result", "Failed to set mtu\n"));
-	EXPECT_EQ(CountLines(cap, "zorv1_mtu_set_result", "set zorv1 port mac address success\n"), 0);
+	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_ERR, "zorv1_mtu_set", "Failed to set mtu\n"));
+	EXPECT_EQ(CountLines(cap, "zorv1_mtu_set", "set zorv1 port mac address success\n"), 0);
 	EXPECT_THAT(f.mqtt.msgs, ElementsAre(MqttMsg{ZORV1_MSG_DEV_ADD_ERR, ZORV1_ERR_MTU_SET,
 						    port.name(), "is_mtu_fail", 4}));
-	EXPECT_TRUE(f.fw.set_mtu_calls.empty());
+	/* The firmware command is issued before the result is looked at. */
+	EXPECT_THAT(f.fw.set_mtu_calls,
+		    ElementsAre(FwSetMtu{port.internal(), E_CMD_OP_MTU_SET_VPORT, true, 9, 9, 1400}));
 	EXPECT_TRUE(CountersMoved(before, {}));
 }
 
-TEST_F(InfoStatsTest, MtuFailureWhoseReportCannotBeSentIsCounted)
+TEST_F(MtuFailureTest, FailureWhoseReportCannotBeSentIsCounted)
 {
 	VdevPort port("is_mtu_nosend", 2);
 	ASSERT_TRUE(port);
 	f.mqtt.send_result = 1;
 	const struct dpdk_cp_stat before = g_dpdk_cp_stat;
 	LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_DEBUG);
+	zorv1_mtu_set_initial_ret = -1;
 
-	EXPECT_EQ(zorv1_mtu_set_result(port.dev(), -1), -EAGAIN);
+	EXPECT_EQ(zorv1_mtu_set(port.dev(), 1400), -EAGAIN);
 
-	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_ERR, "zorv1_mtu_set_result",
+	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_ERR, "zorv1_mtu_set",
 				 "Send msg failed, " + port.name() + "-is_mtu_nosend-3-6\n"));
 	EXPECT_EQ(f.mqtt.msgs.size(), 1u);
 	EXPECT_TRUE(CountersMoved(before, {{"send_msg_fail", 1}}));
 }
 
-TEST_F(InfoStatsTest, MtuResultZeroTakesTheSuccessBranch)
+TEST_F(MtuFailureTest, FailureThroughDpdkLeavesTheMtuAsItWas)
 {
-	VdevPort port("is_mtu_ok", 1);
+	VdevPort port("is_mtu_dpdk", 1);
 	ASSERT_TRUE(port);
-	LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_DEBUG);
+	port.Setup(1);
+	uint16_t mtu_before = 0;
+	ASSERT_EQ(rte_eth_dev_get_mtu(port.id(), &mtu_before), 0);
+	zorv1_mtu_set_initial_ret = -1;
 
-	EXPECT_EQ(zorv1_mtu_set_result(port.dev(), 0), 0);
-	EXPECT_TRUE(HasMessageAt(cap, RTE_LOG_INFO, "zorv1_mtu_set_result",
-				 "set zorv1 port mac address success\n\n"));
-	EXPECT_TRUE(f.mqtt.msgs.empty());
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), 9000), -EAGAIN);
+
+	uint16_t mtu = 0;
+	ASSERT_EQ(rte_eth_dev_get_mtu(port.id(), &mtu), 0);
+	EXPECT_EQ(mtu, mtu_before);
 }
 
 /* ---------------------------------------------------------------- power monitor */

@@ -314,6 +314,33 @@ TEST_F(XstatsTest, PortWithoutReceiveQueueArrayReportsNothing)
 		EXPECT_EQ(x.value, 0xa5a5a5a5a5a5a5a5ull);
 }
 
+/* A port may hold one queue array and not the other: each direction is reset over its own. */
+TEST_F(XstatsTest, ResetClearsTransmitQueuesOfAPortWithoutReceiveQueueArray)
+{
+	StatsPort p(0, 2);
+	ASSERT_TRUE(p.port());
+	ASSERT_EQ(p.port().data()->rx_queues, nullptr);
+	FillStats(&p.txq(0)->stats, 5);
+	FillStats(&p.txq(1)->stats, 9);
+	EXPECT_EQ(zorv1_vdev_xstats_reset(p.dev()), 0);
+	const struct zorv1_vdev_stats zero = {};
+	for (uint16_t q = 0; q < 2; q++)
+		EXPECT_EQ(memcmp(&p.txq(q)->stats, &zero, sizeof(zero)), 0) << "transmit queue " << q;
+}
+
+TEST_F(XstatsTest, ResetClearsReceiveQueuesOfAPortWithoutTransmitQueueArray)
+{
+	StatsPort p(2, 0);
+	ASSERT_TRUE(p.port());
+	ASSERT_EQ(p.port().data()->tx_queues, nullptr);
+	FillStats(&p.rxq(0)->stats, 5);
+	FillStats(&p.rxq(1)->stats, 9);
+	EXPECT_EQ(zorv1_vdev_xstats_reset(p.dev()), 0);
+	const struct zorv1_vdev_stats zero = {};
+	for (uint16_t q = 0; q < 2; q++)
+		EXPECT_EQ(memcmp(&p.rxq(q)->stats, &zero, sizeof(zero)), 0) << "receive queue " << q;
+}
+
 TEST_F(XstatsTest, EveryValueIsItsCounterSummedOverTheQueuesOfItsDirection)
 {
 	StatsPort p(2, 3);

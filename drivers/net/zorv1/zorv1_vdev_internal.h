@@ -61,7 +61,8 @@ int eth_stats_reset(struct rte_eth_dev *dev);
 int eth_tx_done_cleanup(void *txq, uint32_t free_cnt);
 int eth_link_update(struct rte_eth_dev *dev, int wait_to_complete);
 int zorv1_mtu_set(struct rte_eth_dev *dev, uint16_t mtu);
-int zorv1_mtu_set_result(struct rte_eth_dev *dev, int ret);
+/* The result zorv1_mtu_set starts from: 0, unless a unit test sets it. */
+extern int zorv1_mtu_set_initial_ret;
 int zorv1_vdev_get_monitor_addr(void *rx_queue, struct rte_power_monitor_cond *pmc);
 int zorv1_monitor_callback(const uint64_t value, const uint64_t opaque[RTE_POWER_MONITOR_OPAQUE_SZ]);
 int zorv1_vhost_driver_setup(struct rte_eth_dev *eth_dev);

@@ -59,75 +59,10 @@
 #include <rte_tcp.h>
 #include <rte_udp.h>
 
-#include "zorv1_dev_mgr.h"
-#include "zorv1_ethdev.h"
-#include "zorv1_vhost.h"
-#include "zorv_dev_mgr_internal.h"
-#include "zorv_flow.h"
 #include "zorv_fuzz_env.h"
-#include "zorv_fw.h"
 #include "zorv_vhost_card.h"
 
 using zorv_fuzz::Fail;
-
-/*
- * The card's links into the port, the device manager and the firmware: the
- * transmit offload routines use none of them, so reaching one is a finding.
- */
-extern "C" {
-
-struct dpdk_cp_stat g_dpdk_cp_stat;
-
-struct rte_eth_dev *zorv1_dev_get_ethdev_by_vid(int vid)
-{
-	Fail("zorv1_dev_get_ethdev_by_vid(%d) reached", vid);
-}
-void zorv1_dev_sfi_unmap_port(uint32_t sfi)
-{
-	Fail("zorv1_dev_sfi_unmap_port(%u) reached", sfi);
-}
-int zorv1_dpu_dev_queue_setup(int vid)
-{
-	Fail("zorv1_dpu_dev_queue_setup(%d) reached", vid);
-}
-int zorv1_dpu_vdev_new_conn(int vid)
-{
-	Fail("zorv1_dpu_vdev_new_conn(%d) reached", vid);
-}
-void zorv1_dpu_vdev_destroy_conn(int vid)
-{
-	Fail("zorv1_dpu_vdev_destroy_conn(%d) reached", vid);
-}
-void zorv1_set_internal_sfi(int vid, uint32_t sfi)
-{
-	Fail("zorv1_set_internal_sfi(%d, %u) reached", vid, sfi);
-}
-struct rte_ring *zorv1_get_ring_by_local_id(int local_id)
-{
-	Fail("zorv1_get_ring_by_local_id(%d) reached", local_id);
-}
-int zorv_dev_sfi_map_port(uint32_t sfi, uint16_t port_id)
-{
-	Fail("zorv_dev_sfi_map_port(%u, %u) reached", sfi, port_id);
-}
-uint32_t zorv_fw_get_vport_mtu(uint16_t vport)
-{
-	Fail("zorv_fw_get_vport_mtu(%u) reached", vport);
-}
-void zorv_fw_count_mtu_drop(uint16_t vport)
-{
-	Fail("zorv_fw_count_mtu_drop(%u) reached", vport);
-}
-uint16_t zorv_flow_rx_dispatch(struct zorv_flow_priv *p, struct zorv1_vdev_rxq *rxq,
-			       struct rte_mbuf **pkts, uint16_t n)
-{
-	(void)p;
-	(void)rxq;
-	(void)pkts;
-	Fail("zorv_flow_rx_dispatch(%u packets) reached", n);
-}
-
-} // extern "C"
 
 namespace {
 

@@ -5,6 +5,12 @@
  * socket in server mode by DPDK's vhost library; the virtio peer (a VM,
  * DPDK's virtio-user, ...) is the host side of the card's function.
  *
+ * Where it lives: zorv_vhost_card.cpp (interfaces, sockets, vhost callbacks,
+ * the connection table), zorv_card_burst.cpp (the bursts: dequeue, enqueue,
+ * receive offloads, the hold of sent mbufs), zorv_card_offload.cpp (the
+ * software transmit offloads, pure functions), zorv_card_internal.h (the
+ * records the control side and the bursts share).
+ *
  * Socket of an interface:
  *   - an interface name that contains '/' is itself the socket path;
  *   - any other name <ifc> is served at <dir>/<ifc>, where <dir> is the

@@ -1,0 +1,125 @@
+/* SPDX-License-Identifier: BSD-3-Clause
+ * The emulated card's shared records: the connection table that its control
+ * side (zorv_vhost_card.cpp: interfaces, sockets, vhost callbacks) fills and
+ * its bursts (zorv_card_burst.cpp) read without a lock, and the feature bits
+ * both look at. Internal to the card.
+ */
+#ifndef ZORV_CARD_INTERNAL_H
+#define ZORV_CARD_INTERNAL_H
+
+#include <stdint.h>
+
+#include <array>
+#include <atomic>
+
+#include <rte_branch_prediction.h>
+#include <rte_mbuf.h>
+#include <rte_mempool.h>
+#include <rte_vhost.h>
+
+#include "zorv1_vhost.h"
+#include "zorv_vhost_card.h"
+
+namespace zorv_card {
+
+/* Feature bits the data path looks at. */
+constexpr uint64_t F_CSUM = 1ULL << 0;
+constexpr uint64_t F_GUEST_CSUM = 1ULL << 1;
+constexpr uint64_t F_HOST_TSO4 = 1ULL << 11;
+constexpr uint64_t F_HOST_TSO6 = 1ULL << 12;
+constexpr uint64_t F_GUEST_TSO4 = 1ULL << 7;
+constexpr uint64_t F_GUEST_TSO6 = 1ULL << 8;
+
+/* Virtqueues tracked per connection (the vhost library's limit). */
+constexpr unsigned int MAX_VRINGS = 256;
+
+/* Frames the port's receive burst asks the transport for at a time, at most. */
+constexpr uint16_t RX_CHUNK_MAX = 32;
+
+/* Offload requests the card acts on before the copy. */
+constexpr uint64_t TX_OFFLOAD_MASK = RTE_MBUF_F_TX_IP_CKSUM | RTE_MBUF_F_TX_L4_MASK |
+				     RTE_MBUF_F_TX_TCP_SEG | RTE_MBUF_F_TX_UDP_SEG;
+
+/* Transmitted mbufs held for one queue until its next burst. */
+struct card_txq_hold {
+	struct rte_mbuf **next_pkts;  /* where a continuing call of the burst starts */
+	uint16_t nb_held;             /* entries used in held */
+	struct rte_mbuf *held[ZORV_CARD_TX_HOLD];
+} __rte_cache_aligned;
+
+/*
+ * One connection, indexed by its connection id: the vid the port knows.
+ * That is the vhost library's device id, unless a port still holds that id
+ * from an earlier connection (a port keeps its last vid, and the library
+ * reuses the lowest free id); then the connection gets the lowest id that
+ * no port holds, so that the port's lookups by vid find the right port.
+ */
+struct card_conn {
+	std::atomic<bool> used;                 /* id taken, from pick to release */
+	std::atomic<bool> live;                 /* published to the data path */
+	std::atomic<uint16_t> nr_vring;         /* virtqueues the peer set up */
+	std::atomic<struct zorv1_internal *> internal; /* port the connection serves */
+	int dev = -1;                           /* vhost device id */
+	int slot = -1;                          /* interface slot */
+	uint32_t sfi = INVALID_SFI;             /* bound hardware function */
+	std::atomic<uint64_t> features;         /* negotiated virtio features */
+	bool rx_offloads;                       /* the peer may send checksum/GSO requests */
+	uint16_t nb_txq;                        /* entries of txq */
+	struct card_txq_hold *txq;              /* per queue pair */
+	bool ready_reported;                    /* queues reported ready to the port */
+};
+
+/* One vhost device (socket connection), indexed by the library's device id. */
+struct card_dev {
+	std::array<uint64_t, MAX_VRINGS / 64> vring_on; /* enabled virtqueues */
+	int conn = -1;                                  /* connection id, or -1 */
+};
+
+/* Indexed by connection id (conns) and by vhost device id (devs). */
+extern std::array<card_conn, RTE_MAX_VHOST_DEVICE> conns;
+extern std::array<card_dev, RTE_MAX_VHOST_DEVICE> devs; /* vhost event thread */
+/* Mbufs of the TSO segments the card makes; created with the first interface. */
+extern std::atomic<struct rte_mempool *> seg_pool;
+
+/* True when the peer negotiated sending frames with offload requests. */
+inline bool peer_offloads(uint64_t features)
+{
+	return (features & (F_CSUM | F_HOST_TSO4 | F_HOST_TSO6)) != 0;
+}
+
+/* The live connection of vid, for the data path. */
+inline card_conn *live_conn(int vid)
+{
+	if (unlikely(static_cast<unsigned int>(vid) >= RTE_MAX_VHOST_DEVICE))
+		return nullptr;
+	card_conn *c = &conns[vid];
+	return c->live.load(std::memory_order_acquire) ? c : nullptr;
+}
+
+/* Free the transmitted mbufs a queue holds. */
+inline void hold_release(struct card_txq_hold *h)
+{
+	if (h->nb_held != 0)
+		rte_pktmbuf_free_bulk(h->held, h->nb_held);
+	h->nb_held = 0;
+	h->next_pkts = nullptr;
+}
+
+/* Transmitted mbufs a connection holds over all its queues. */
+inline uint32_t conn_held(const card_conn *c)
+{
+	uint32_t n = 0;
+	for (uint16_t q = 0; q < c->nb_txq; q++)
+		n += c->txq[q].nb_held;
+	return n;
+}
+
+/*
+ * Drop the frames of a connection that went away which still wait in its
+ * port's receive rings (zorv_card_burst.cpp).
+ */
+void drop_waiting_frames(int vid, const card_conn *c);
+
+} // namespace zorv_card
+
+#endif /* ZORV_CARD_INTERNAL_H */

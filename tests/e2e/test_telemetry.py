@@ -70,6 +70,11 @@ def scenario(args):
                       cp0["vhost_driver_setup"] >= 1 and cp0["new_conn"] == 0,
                       "cp_stats of a started, unconnected port: %r" % cp0)
 
+            # DPDK's own view of the started port: every queue started.
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["dev_started"] == 1 and ei["rxq_state"] == [1, 1] and
+                      ei["txq_state"] == [1, 1], "/ethdev/info of a started port: %r" % ei)
+
             mark = pmd.pos
             peer = pmd.attach_virtio_user(sock, queues=2)
             pmd.cmd("port start %d" % peer)
@@ -181,6 +186,14 @@ def scenario(args):
                 q = tel(pmd, "/zorv1/queue_info,net_zorv1,%d" % qid)
                 e2e.check(q["allow_queuing"] == 0, "gate open without a peer: %r" % q)
 
+            pmd.cmd("port stop 0")
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["dev_started"] == 0 and ei["rxq_state"] == [0, 0] and
+                      ei["txq_state"] == [0, 0], "/ethdev/info of a stopped port: %r" % ei)
+            pmd.cmd("port start 0")
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["rxq_state"] == [1, 1] and ei["txq_state"] == [1, 1],
+                      "/ethdev/info after a restart: %r" % ei)
             pmd.cmd("port stop 0")
             pmd.cmd("port close 0")
             e2e.check(tel(pmd, "/zorv1/ports") == [], "closed port still listed")

@@ -28,6 +28,8 @@ CP_COUNTERS = (
     "vhost_driver_start_err vhost_driver_setup close_dev_null eth_dev_close eth_dev_stop "
     "flow_start_fail flow_close_fail start_dev_intr eth_dev_start send_msg_fail "
     "get_ethdev_fail").split()
+# The card's totals follow the driver's counters.
+CARD_COUNTERS = ["rx_mtu_drops", "tx_mtu_drops", "peers_refused"]
 STATS_FIELDS = ("pkts bytes missed_pkts pkt_undersize pkt_64 pkt_65_to_127 pkt_128_to_255 "
                 "pkt_256_to_511 pkt_512_to_1023 pkt_1024_to_1522 pkt_1523_to_max "
                 "broadcast_pkt multicast_pkt unicast_pkt").split()
@@ -51,7 +53,7 @@ def scenario(args):
             # All commands are registered and listed by the telemetry library.
             listed = e2e.telemetry_one(pmd.prefix, "/")
             for c in ("/zorv1/ports", "/zorv1/port_info", "/zorv1/qnum", "/zorv1/queue_info",
-                      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats"):
+                      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats", "/zorv1/card"):
                 e2e.check(c in listed, "%s not among the telemetry commands" % c)
 
             e2e.check(tel(pmd, "/zorv1/ports") == ["net_zorv1"],
@@ -63,7 +65,7 @@ def scenario(args):
                 e2e.check(tel(pmd, bad) is None, "%s answered %r" % (bad, tel(pmd, bad)))
 
             cp0 = tel(pmd, "/zorv1/cp_stats")
-            e2e.check(list(cp0) == CP_COUNTERS, "cp_stats names: %r" % list(cp0))
+            e2e.check(list(cp0) == CP_COUNTERS + CARD_COUNTERS, "cp_stats names: %r" % list(cp0))
             e2e.check(all(isinstance(v, int) and v >= 0 for v in cp0.values()),
                       "cp_stats values: %r" % cp0)
             e2e.check(cp0["eth_dev_configure"] >= 1 and cp0["eth_dev_start"] >= 1 and

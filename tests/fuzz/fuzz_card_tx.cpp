@@ -118,6 +118,10 @@ void zorv_fw_count_mtu_drop(uint16_t vport)
 {
 	Fail("zorv_fw_count_mtu_drop(%u) reached", vport);
 }
+void zorv_fw_count_tx_mtu_drop(uint16_t vport)
+{
+	Fail("zorv_fw_count_tx_mtu_drop(%u) reached", vport);
+}
 uint16_t zorv_flow_rx_dispatch(struct zorv_flow_priv *p, struct zorv1_vdev_rxq *rxq,
 			       struct rte_mbuf **pkts, uint16_t n)
 {

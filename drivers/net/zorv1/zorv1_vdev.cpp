@@ -48,6 +48,7 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv1_vhost.h"
 #include "zorv_dev_cmds.h"
+#include "zorv_fw.h"
 
 /* ========================================================================
  * Records and constants
@@ -784,6 +785,9 @@ extern "C" int eth_dev_info(struct rte_eth_dev *dev, struct rte_eth_dev_info *de
 	dev_info->tx_offload_capa = ZORV1_TX_OFFLOAD_CAPA;
 	/* No receive offload is advertised, VLAN strip included. */
 	dev_info->rx_offload_capa = 0;
+	/* The MTUs the card's firmware accepts: DPDK refuses any other before mtu_set. */
+	dev_info->min_mtu = ZORV_FW_MTU_MIN;
+	dev_info->max_mtu = ZORV_FW_MTU_MAX;
 	return 0;
 }
 

@@ -15,7 +15,7 @@ pkgs=(
   dpdk dpdk-dev libdpdk-dev
   googletest libgtest-dev libgmock-dev
   clang libclang-rt-14-dev
-  libmosquitto-dev mosquitto mosquitto-clients
+  libmosquitto-dev mosquitto mosquitto-clients openssl
   libjansson-dev
   iproute2 iputils-ping netcat-openbsd python3 gnuplot-nox
   dpkg-dev xz-utils

@@ -28,6 +28,8 @@ CP_COUNTERS = (
     "vhost_driver_start_err vhost_driver_setup close_dev_null eth_dev_close eth_dev_stop "
     "flow_start_fail flow_close_fail start_dev_intr eth_dev_start send_msg_fail "
     "get_ethdev_fail").split()
+# The card's totals follow the driver's counters.
+CARD_COUNTERS = ["rx_mtu_drops", "tx_mtu_drops", "peers_refused"]
 STATS_FIELDS = ("pkts bytes missed_pkts pkt_undersize pkt_64 pkt_65_to_127 pkt_128_to_255 "
                 "pkt_256_to_511 pkt_512_to_1023 pkt_1024_to_1522 pkt_1523_to_max "
                 "broadcast_pkt multicast_pkt unicast_pkt").split()
@@ -51,7 +53,7 @@ def scenario(args):
             # All commands are registered and listed by the telemetry library.
             listed = e2e.telemetry_one(pmd.prefix, "/")
             for c in ("/zorv1/ports", "/zorv1/port_info", "/zorv1/qnum", "/zorv1/queue_info",
-                      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats"):
+                      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats", "/zorv1/card"):
                 e2e.check(c in listed, "%s not among the telemetry commands" % c)
 
             e2e.check(tel(pmd, "/zorv1/ports") == ["net_zorv1"],
@@ -63,12 +65,17 @@ def scenario(args):
                 e2e.check(tel(pmd, bad) is None, "%s answered %r" % (bad, tel(pmd, bad)))
 
             cp0 = tel(pmd, "/zorv1/cp_stats")
-            e2e.check(list(cp0) == CP_COUNTERS, "cp_stats names: %r" % list(cp0))
+            e2e.check(list(cp0) == CP_COUNTERS + CARD_COUNTERS, "cp_stats names: %r" % list(cp0))
             e2e.check(all(isinstance(v, int) and v >= 0 for v in cp0.values()),
                       "cp_stats values: %r" % cp0)
             e2e.check(cp0["eth_dev_configure"] >= 1 and cp0["eth_dev_start"] >= 1 and
                       cp0["vhost_driver_setup"] >= 1 and cp0["new_conn"] == 0,
                       "cp_stats of a started, unconnected port: %r" % cp0)
+
+            # DPDK's own view of the started port: every queue started.
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["dev_started"] == 1 and ei["rxq_state"] == [1, 1] and
+                      ei["txq_state"] == [1, 1], "/ethdev/info of a started port: %r" % ei)
 
             mark = pmd.pos
             peer = pmd.attach_virtio_user(sock, queues=2)
@@ -181,6 +188,14 @@ def scenario(args):
                 q = tel(pmd, "/zorv1/queue_info,net_zorv1,%d" % qid)
                 e2e.check(q["allow_queuing"] == 0, "gate open without a peer: %r" % q)
 
+            pmd.cmd("port stop 0")
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["dev_started"] == 0 and ei["rxq_state"] == [0, 0] and
+                      ei["txq_state"] == [0, 0], "/ethdev/info of a stopped port: %r" % ei)
+            pmd.cmd("port start 0")
+            ei = tel(pmd, "/ethdev/info,0")
+            e2e.check(ei["rxq_state"] == [1, 1] and ei["txq_state"] == [1, 1],
+                      "/ethdev/info after a restart: %r" % ei)
             pmd.cmd("port stop 0")
             pmd.cmd("port close 0")
             e2e.check(tel(pmd, "/zorv1/ports") == [], "closed port still listed")

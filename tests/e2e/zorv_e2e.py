@@ -74,13 +74,19 @@ telemetry_one(prefix, command, timeout=20) -> the value under the command's
     own key of its reply (e.g. telemetry_one(p, "/zorv1/ports") -> [...]);
     None when the process refused the command (a null reply).
 
-class Mosquitto(port=None)   -> a mosquitto broker on 127.0.0.1:<port>.
+class Mosquitto(port=None, listener_conf="", anonymous=True)
+                             -> a mosquitto broker on 127.0.0.1:<port>;
+    listener_conf: more lines for its listener (password_file, cafile,
+    certfile, keyfile, require_certificate ...); anonymous=False refuses
+    clients without credentials.
     .start(timeout=10) / .stop() / context manager; .port; .address
     ("127.0.0.1:<port>").
-class Subscriber(port, topic, out_path) -> mosquitto_sub -v in the background
-    writing to out_path. .start(timeout=10) (waits until subscribed),
-    .lines() -> list of received lines ("<topic> <payload>"), .stop().
-    (It also receives its own probe messages on zorv1e2e/probe/<pid>.)
+class Subscriber(port, topic, out_path, client_args=()) -> mosquitto_sub -v in
+    the background writing to out_path; client_args (e.g. -u, -P, --cafile)
+    go to it and to its probe publisher. .start(timeout=10) (waits until
+    subscribed), .lines() -> list of received lines ("<topic> <payload>"),
+    .stop(). (It also receives its own probe messages on
+    zorv1e2e/probe/<pid>.)
 """
 
 import argparse
@@ -456,8 +462,10 @@ def telemetry_one(prefix, command, timeout=20):
 class Mosquitto:
     """A mosquitto broker listening on 127.0.0.1:<port>."""
 
-    def __init__(self, port=None):
+    def __init__(self, port=None, listener_conf="", anonymous=True):
         self.port = port or free_tcp_port()
+        self.listener_conf = listener_conf
+        self.anonymous = anonymous
         self.proc = None
         self._dir = None
 
@@ -472,8 +480,9 @@ class Mosquitto:
         self._dir = work_dir("mosq")
         conf = os.path.join(self._dir, "mosquitto.conf")
         with open(conf, "w") as f:
-            f.write("listener %d 127.0.0.1\nallow_anonymous true\npersistence false\n"
-                    % self.port)
+            f.write("listener %d 127.0.0.1\n%s\nallow_anonymous %s\npersistence false\n"
+                    % (self.port, self.listener_conf,
+                       "true" if self.anonymous else "false"))
         self._log = open(os.path.join(self._dir, "mosquitto.log"), "w")
         self.proc = subprocess.Popen([exe, "-c", conf], stdout=self._log,
                                      stderr=subprocess.STDOUT, start_new_session=True)
@@ -511,10 +520,11 @@ class Mosquitto:
 class Subscriber:
     """mosquitto_sub -v on one topic, in the background, into a file."""
 
-    def __init__(self, port, topic, out_path):
+    def __init__(self, port, topic, out_path, client_args=()):
         self.port = port
         self.topic = topic
         self.out_path = out_path
+        self.client_args = list(client_args)
         self.proc = None
 
     def start(self, timeout=10):
@@ -526,7 +536,7 @@ class Subscriber:
         # comes back, the subscription to `topic` is in place too.
         probe = "zorv1e2e/probe/%d" % os.getpid()
         self.proc = subprocess.Popen([exe, "-h", "127.0.0.1", "-p", str(self.port),
-                                      "-t", self.topic, "-t", probe, "-v"],
+                                      "-t", self.topic, "-t", probe, "-v"] + self.client_args,
                                      stdout=self._out, stderr=subprocess.STDOUT,
                                      start_new_session=True)
 
@@ -534,7 +544,7 @@ class Subscriber:
             if self.proc.poll() is not None:
                 fail("mosquitto_sub exited with %s" % self.proc.returncode)
             subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port),
-                            "-t", probe, "-m", "probe"], timeout=5,
+                            "-t", probe, "-m", "probe"] + self.client_args, timeout=5,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             return any(l.startswith(probe + " ") for l in self.lines())
         if not wait_until(seen, timeout, 0.2):

@@ -38,6 +38,7 @@
 #include <rte_udp.h>
 
 #include "zorv1_ethdev.h"
+#include "zorv1_logs.h"
 #include "zorv1_vhost.h"
 #include "zorv_dev_mgr_internal.h"
 #include "zorv_fw.h"
@@ -1734,6 +1735,129 @@ TEST_F(CardPeer, FramesOverTheFirmwareMtuAreDroppedAndCounted)
 	EXPECT_TRUE(SameFrame(got[2], frames[4]));
 	EXPECT_EQ(zorv_fw_get_mtu_drops(vport), 2u);
 	zorv_fw_vport_reset(vport);
+}
+
+TEST_F(CardPeer, FramesThePortTransmitsOverTheFirmwareMtuAreTakenDroppedAndCounted)
+{
+	uint16_t vport = static_cast<uint16_t>(Internal(port_)->comm.flow_data.priv_port);
+	zorv_fw_vport_reset(vport);
+	ASSERT_EQ(rte_eth_dev_set_mtu(port_, 1000), 0);
+	const uint64_t rx_total = zorv_fw_mtu_drops_total(0);
+	const uint64_t tx_total = zorv_fw_mtu_drops_total(1);
+
+	auto frame = [](uint16_t len, bool tagged) {
+		FrameShape s;
+		if (tagged)
+			s.vlan = 7;
+		s.payload = len - HdrLen(s);
+		return BuildFrame(s);
+	};
+	std::vector<Bytes> frames = {frame(1014, false), frame(1015, false), frame(1018, true),
+				     frame(1019, true), frame(64, false)};
+	std::vector<struct rte_mbuf *> pkts;
+	for (const Bytes &f : frames)
+		pkts.push_back(ToMbuf(tx_pool_->get(), f));
+	/* Every frame is taken from the port; only those within the MTU arrive. */
+	std::vector<Bytes> got = PortToPeer(pkts, 3);
+	EXPECT_EQ(Drain(peer_, 0), 0u);
+	ASSERT_EQ(got.size(), 3u);
+	EXPECT_TRUE(SameFrame(got[0], frames[0]));
+	EXPECT_TRUE(SameFrame(got[1], frames[2]));
+	EXPECT_TRUE(SameFrame(got[2], frames[4]));
+	EXPECT_EQ(zorv_fw_get_tx_mtu_drops(vport), 2u);
+	EXPECT_EQ(zorv_fw_get_mtu_drops(vport), 0u) << "nothing was received";
+	EXPECT_EQ(zorv_fw_mtu_drops_total(1), tx_total + 2);
+	EXPECT_EQ(zorv_fw_mtu_drops_total(0), rx_total);
+
+	/* A TSO packet is judged by its segments: IP header + TCP header + MSS. */
+	FrameShape s;
+	s.tcp = true;
+	s.payload = 3000;
+	Bytes big = BuildFrame(s);
+	for (uint16_t mss : {960, 961}) {
+		struct rte_mbuf *m = ToMbuf(tx_pool_->get(), big, 1024);
+		ASSERT_NE(m, nullptr);
+		RequestChecksums(m, s);
+		m->ol_flags |= RTE_MBUF_F_TX_TCP_SEG;
+		m->tso_segsz = mss;
+		std::vector<Bytes> want = mss == 960 ? ExpectedSegments(big, s, mss) : std::vector<Bytes>{};
+		got = PortToPeer({m}, want.size());
+		EXPECT_EQ(Drain(peer_, 0), 0u) << "mss " << mss;
+		ASSERT_EQ(got.size(), want.size()) << "mss " << mss;
+		for (size_t i = 0; i < want.size(); i++)
+			EXPECT_TRUE(SameFrame(got[i], want[i])) << "segment " << i;
+	}
+	EXPECT_EQ(zorv_fw_get_tx_mtu_drops(vport), 3u);
+
+	/* Without an MTU nothing is dropped. */
+	zorv_fw_vport_reset(vport);
+	got = PortToPeer({ToMbuf(tx_pool_->get(), frames[1])}, 1);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_TRUE(SameFrame(got[0], frames[1]));
+	EXPECT_EQ(zorv_fw_get_tx_mtu_drops(vport), 0u);
+	EXPECT_EQ(zorv_fw_mtu_drops_total(1), tx_total + 3);
+}
+
+/* Log entries at WARNING of the card's refusal of a second peer. */
+size_t RefusalLines(const zorv_test::LogCapture &cap)
+{
+	size_t n = 0;
+	for (const auto &e : cap.Entries())
+		if (e.level == RTE_LOG_WARNING &&
+		    e.text.find("a peer is connected") != std::string::npos)
+			n++;
+	return n;
+}
+
+TEST_F(CardPeer, ASecondPeerIsRefusedWhileOneIsConnectedAndMayConnectOnceItLeaves)
+{
+	zorv_test::LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_INFO);
+	const uint64_t total = zorv_card_peers_refused_total();
+	const uint32_t new_conn = g_dpdk_cp_stat.new_conn;
+	struct zorv1_internal *in = Internal(port_);
+	const int vid = vid_;
+	const uint32_t sfi = in->sfi;
+
+	/* Two attempts: each refused and counted, the first one logged. */
+	for (int i = 0; i < 2; i++) {
+		std::string name = "net_virtio_user" + std::to_string(++g_seq);
+		std::string args = "path=" + sock_ + ",queues=1,queue_size=1024";
+		EXPECT_NE(rte_vdev_init(name.c_str(), args.c_str()), 0) << "attempt " << i;
+		uint16_t id;
+		if (rte_eth_dev_get_port_by_name(name.c_str(), &id) == 0)
+			rte_vdev_uninit(name.c_str());
+	}
+	EXPECT_TRUE(WaitFor([&] { return zorv_card_iface_peers_refused(iface_.c_str()) == 2; }));
+	EXPECT_EQ(zorv_card_peers_refused_total(), total + 2);
+	EXPECT_EQ(RefusalLines(cap), 1u) << cap.Text();
+	EXPECT_EQ(g_dpdk_cp_stat.new_conn, new_conn) << "the port never heard of them";
+
+	/* The first peer keeps its port and its traffic both ways. */
+	EXPECT_EQ(in->vid, vid);
+	EXPECT_EQ(in->sfi, sfi);
+	EXPECT_TRUE(LinkUp(port_));
+	FrameShape s;
+	Bytes f = BuildFrame(s);
+	std::vector<Bytes> got = PortToPeer({ToMbuf(tx_pool_->get(), f)}, 1);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_TRUE(SameFrame(got[0], f));
+	got = PeerToPort({f}, 1);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_TRUE(SameFrame(got[0], f));
+
+	/* Once it leaves, the next peer connects, and a further one is refused and logged again. */
+	DetachPeer();
+	ASSERT_TRUE(WaitFor([&] { return in->sfi == INVALID_SFI; }));
+	ASSERT_NO_FATAL_FAILURE(AttachPeer());
+	EXPECT_EQ(in->sfi, sfi);
+	got = PeerToPort({f}, 1);
+	ASSERT_EQ(got.size(), 1u);
+	std::string name = "net_virtio_user" + std::to_string(++g_seq);
+	std::string args = "path=" + sock_ + ",queues=1,queue_size=1024";
+	EXPECT_NE(rte_vdev_init(name.c_str(), args.c_str()), 0);
+	EXPECT_TRUE(WaitFor([&] { return zorv_card_iface_peers_refused(iface_.c_str()) == 3; }));
+	EXPECT_EQ(RefusalLines(cap), 2u);
+	EXPECT_TRUE(LinkUp(port_));
 }
 
 TEST_F(CardPeer, DisconnectUnbindsThePortAndAReconnectServesItAgain)

@@ -261,7 +261,7 @@ TEST_F(DiagTelemetry, TheSocketGreetsAndListsTheFamilysCommands)
 	ASSERT_TRUE(json_is_array(list.get())) << TelemetryClient::Dump(list.get());
 	std::set<std::string> cmds = Strings(list.get());
 	for (const char *c : {"/zorv1/ports", "/zorv1/port_info", "/zorv1/qnum", "/zorv1/queue_info",
-			      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats"})
+			      "/zorv1/queue_stats", "/zorv1/ring_info", "/zorv1/cp_stats", "/zorv1/card"})
 		EXPECT_EQ(cmds.count(c), 1u) << c;
 
 	JsonPtr help = client_.Query("/help,/zorv1/queue_info");
@@ -502,7 +502,7 @@ TEST_F(DiagTelemetry, CpStatsReportsEveryControlPlaneCounterByName)
 	JsonPtr j = client_.Query("/zorv1/cp_stats");
 	g_dpdk_cp_stat = saved;
 	ASSERT_TRUE(json_is_object(j.get())) << TelemetryClient::Dump(j.get());
-	EXPECT_EQ(json_object_size(j.get()), 45u);
+	EXPECT_EQ(json_object_size(j.get()), 48u);
 	const std::set<std::string> names = {
 		"set_owner_fail", "set_owner_suc", "cache_start_flag_err", "enqueue_dev_null",
 		"enqueue_queue_fail", "enqueue_vhost_len_fail", "enqueue_fail", "dequeue_dev_null",
@@ -515,7 +515,9 @@ TEST_F(DiagTelemetry, CpStatsReportsEveryControlPlaneCounterByName)
 		"vhost_regist_fail", "vhost_vsocket_null", "vhost_callback_null",
 		"vhost_driver_start_err", "vhost_driver_setup", "close_dev_null", "eth_dev_close",
 		"eth_dev_stop", "flow_start_fail", "flow_close_fail", "start_dev_intr",
-		"eth_dev_start", "send_msg_fail", "get_ethdev_fail"};
+		"eth_dev_start", "send_msg_fail", "get_ethdev_fail",
+		/* the card's totals */
+		"rx_mtu_drops", "tx_mtu_drops", "peers_refused"};
 	EXPECT_EQ(Keys(j.get()), names);
 	EXPECT_EQ(Int(j.get(), "set_owner_fail"), 1);
 	EXPECT_EQ(Int(j.get(), "vhost_driver_setup"), 36);
@@ -604,6 +606,33 @@ TEST_F(DiagTelemetry, ARealPortAnswersThroughTheDriversTable)
 	JsonPtr cp = client_.Query("/zorv1/cp_stats");
 	ASSERT_TRUE(json_is_object(cp.get()));
 	EXPECT_GE(Int(cp.get(), "eth_dev_configure"), 1);
+
+	/* The card's side: served, not connected, no MTU until one is set. */
+	JsonPtr card = client_.Query(std::string("/zorv1/card,") + name);
+	ASSERT_TRUE(json_is_object(card.get())) << TelemetryClient::Dump(card.get());
+	EXPECT_EQ(Str(card.get(), "iface"), "diag0");
+	EXPECT_EQ(Str(card.get(), "socket"), dir + "/diag0");
+	EXPECT_EQ(Int(card.get(), "portid"), port);
+	EXPECT_GE(Int(card.get(), "sfi"), 1);
+	EXPECT_EQ(Int(card.get(), "vid"), -1);
+	EXPECT_EQ(Int(card.get(), "peers_refused"), 0);
+	EXPECT_EQ(Int(card.get(), "mtu"), 0);
+	EXPECT_EQ(Int(card.get(), "mtu_min"), 68);
+	EXPECT_EQ(Int(card.get(), "mtu_max"), 9600);
+	EXPECT_EQ(Int(card.get(), "rx_mtu_drops"), 0);
+	EXPECT_EQ(Int(card.get(), "tx_mtu_drops"), 0);
+	ASSERT_EQ(rte_eth_dev_set_mtu(port, 1234), 0);
+	card = client_.Query(std::string("/zorv1/card,") + name);
+	ASSERT_TRUE(json_is_object(card.get())) << TelemetryClient::Dump(card.get());
+	EXPECT_EQ(Int(card.get(), "mtu"), 1234);
+	EXPECT_EQ(Int(card.get(), "vport"),
+		  static_cast<uint16_t>(static_cast<struct zorv1_internal *>(
+						rte_eth_devices[port].data->dev_private)
+						->comm.flow_data.priv_port));
+	for (const char *bad : {"/zorv1/card", "/zorv1/card,nosuch", "/zorv1/card,net_zorv1_diag0,1"}) {
+		JsonPtr r = client_.Query(bad);
+		EXPECT_TRUE(json_is_null(r.get())) << bad << ": " << TelemetryClient::Dump(r.get());
+	}
 
 	EXPECT_EQ(rte_eth_dev_close(port), 0);
 	EXPECT_EQ(rte_vdev_uninit(name), 0);

@@ -104,14 +104,16 @@ TEST_F(InfoStatsTest, DeviceInfoThroughDpdkAdvertisesQueuesAndTransmitOffloadsOn
 			  RTE_ETH_TX_OFFLOAD_UDP_CKSUM | RTE_ETH_TX_OFFLOAD_TCP_CKSUM |
 			  RTE_ETH_TX_OFFLOAD_TCP_TSO | RTE_ETH_TX_OFFLOAD_MULTI_SEGS);
 	EXPECT_EQ(info.rx_offload_capa, 0u);
-	/* DPDK's defaults are left as DPDK set them. */
-	EXPECT_EQ(info.max_mtu, UINT16_MAX);
+	/* The MTU range is the one the card's firmware accepts. */
+	EXPECT_EQ(info.min_mtu, 68);
+	EXPECT_EQ(info.max_mtu, 9600);
+	/* DPDK's other defaults are left as DPDK set them. */
 	EXPECT_EQ(info.rx_desc_lim.nb_max, UINT16_MAX);
 	EXPECT_EQ(info.rx_queue_offload_capa, 0u);
 	EXPECT_EQ(info.flow_type_rss_offloads, 0u);
 }
 
-TEST_F(InfoStatsTest, DeviceInfoWritesExactlyItsSevenFields)
+TEST_F(InfoStatsTest, DeviceInfoWritesExactlyItsSevenFieldsAndTheMtuRange)
 {
 	VdevPort port("is_info_fields", 5);
 	ASSERT_TRUE(port);
@@ -125,10 +127,12 @@ TEST_F(InfoStatsTest, DeviceInfoWritesExactlyItsSevenFields)
 	expected.min_rx_bufsize = 0;
 	expected.tx_offload_capa = 0x802F;
 	expected.rx_offload_capa = 0;
+	expected.min_mtu = 68;
+	expected.max_mtu = 9600;
 
 	ASSERT_EQ(eth_dev_info(port.dev(), &info), 0);
 	EXPECT_EQ(std::memcmp(&info, &expected, sizeof(info)), 0)
-		<< "eth_dev_info wrote a field other than its seven";
+		<< "eth_dev_info wrote a field other than its seven and the MTU range";
 }
 
 TEST_F(InfoStatsTest, DeviceInfoOfAClosedPortIsRefusedWithNoDevice)
@@ -494,6 +498,31 @@ TEST_P(MtuTest, SetThroughDpdkSendsTheVportCommandAndSucceeds)
 }
 
 INSTANTIATE_TEST_SUITE_P(FirmwareAnswers, MtuTest, ::testing::Values(0, -1, -EIO, 7));
+
+/* The advertised range is the firmware's: DPDK refuses what the card would not apply. */
+TEST_F(InfoStatsTest, DpdkRefusesMtusOutsideTheFirmwareRangeAndPassesItsEdges)
+{
+	VdevPort port("is_mtu_range", 1);
+	ASSERT_TRUE(port);
+	port.Setup(1);
+	port.internal()->comm.flow_data.priv_port = 4;
+
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), 67), -EINVAL);
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), 9601), -EINVAL);
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), UINT16_MAX), -EINVAL);
+	EXPECT_TRUE(f.fw.set_mtu_calls.empty());
+	uint16_t mtu = 0;
+	ASSERT_EQ(rte_eth_dev_get_mtu(port.id(), &mtu), 0);
+	EXPECT_EQ(mtu, RTE_ETHER_MTU) << "a refused MTU leaves the port's MTU as it was";
+
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), 68), 0);
+	EXPECT_EQ(rte_eth_dev_set_mtu(port.id(), 9600), 0);
+	EXPECT_THAT(f.fw.set_mtu_calls,
+		    ElementsAre(FwSetMtu{port.internal(), E_CMD_OP_MTU_SET_VPORT, true, 4, 4, 68},
+				FwSetMtu{port.internal(), E_CMD_OP_MTU_SET_VPORT, true, 4, 4, 9600}));
+	ASSERT_EQ(rte_eth_dev_get_mtu(port.id(), &mtu), 0);
+	EXPECT_EQ(mtu, 9600);
+}
 
 TEST_F(InfoStatsTest, MtuIsNotCheckedByTheDriver)
 {

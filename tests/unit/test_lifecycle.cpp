@@ -542,6 +542,43 @@ TEST_F(LifecycleTest, StartWithoutABoundFunctionKeepsTheGatesClosed)
 	ASSERT_EQ(rte_eth_dev_stop(port.id()), 0);
 }
 
+/* DPDK reports the queues' states from the port's data; they follow start and stop. */
+TEST_F(LifecycleTest, StartMarksEveryConfiguredQueueStartedAndStopMarksThemStopped)
+{
+	VdevPort port("lc_qstate", 3);
+	ASSERT_TRUE(port);
+	port.Setup(3);
+	port.Connect(5, 30);
+	const struct rte_eth_dev_data *d = port.dev()->data;
+	auto states_are = [d](uint8_t want) -> ::testing::AssertionResult {
+		for (uint16_t q = 0; q < 3; q++) {
+			if (d->rx_queue_state[q] != want)
+				return ::testing::AssertionFailure()
+				       << "rx queue " << q << " state " << int(d->rx_queue_state[q]);
+			if (d->tx_queue_state[q] != want)
+				return ::testing::AssertionFailure()
+				       << "tx queue " << q << " state " << int(d->tx_queue_state[q]);
+		}
+		return ::testing::AssertionSuccess();
+	};
+	ASSERT_TRUE(states_are(RTE_ETH_QUEUE_STATE_STOPPED));
+
+	ASSERT_EQ(rte_eth_dev_start(port.id()), 0);
+	EXPECT_TRUE(states_are(RTE_ETH_QUEUE_STATE_STARTED));
+	/* Only the configured queues: the slot after the last stays as it was. */
+	EXPECT_EQ(d->rx_queue_state[3], RTE_ETH_QUEUE_STATE_STOPPED);
+	EXPECT_EQ(d->tx_queue_state[3], RTE_ETH_QUEUE_STATE_STOPPED);
+
+	ASSERT_EQ(rte_eth_dev_stop(port.id()), 0);
+	EXPECT_TRUE(states_are(RTE_ETH_QUEUE_STATE_STOPPED));
+
+	/* A restart marks them again; close (through stop) leaves them stopped. */
+	ASSERT_EQ(rte_eth_dev_start(port.id()), 0);
+	EXPECT_TRUE(states_are(RTE_ETH_QUEUE_STATE_STARTED));
+	ASSERT_EQ(eth_dev_close(port.dev()), 0);
+	EXPECT_TRUE(states_are(RTE_ETH_QUEUE_STATE_STOPPED));
+}
+
 /* The flag is written before the gate update, which reads it. */
 TEST_F(LifecycleTest, StartAndStopSetTheFlagBeforeTheGateUpdate)
 {

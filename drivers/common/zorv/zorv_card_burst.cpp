@@ -128,6 +128,57 @@ uint16_t mtu_filter(struct rte_mbuf **pkts, uint16_t n, uint32_t mtu, uint16_t v
 	return kept;
 }
 
+/*
+ * Whether a frame the port transmits exceeds the MTU. A TSO packet is
+ * judged by the IP packets the peer or the card makes of it (headers and
+ * one segment of payload), any other frame by its length against the MTU
+ * plus the Ethernet header and, for a tagged frame, one tag.
+ */
+bool tx_over_mtu(const struct rte_mbuf *m, uint32_t mtu)
+{
+	if ((m->ol_flags & RTE_MBUF_F_TX_TCP_SEG) != 0 && m->tso_segsz != 0)
+		return static_cast<uint32_t>(m->l3_len) + m->l4_len + m->tso_segsz > mtu;
+	uint32_t limit = mtu + ZORV_FW_ETH_HDR_LEN;
+	if (m->data_len >= sizeof(struct rte_ether_hdr)) {
+		uint16_t et = rte_pktmbuf_mtod(m, const struct rte_ether_hdr *)->ether_type;
+		if (et == rte_cpu_to_be_16(RTE_ETHER_TYPE_VLAN) ||
+		    et == rte_cpu_to_be_16(RTE_ETHER_TYPE_QINQ))
+			limit += ZORV_FW_VLAN_TAG_LEN;
+	}
+	return m->pkt_len > limit;
+}
+
+/*
+ * tx_copy for a port with an MTU. A frame over it is taken from the port
+ * like a sent one (the application must not send it again) and held with
+ * them until the next burst, since the port's burst still reads it, but it
+ * never reaches the peer: the firmware counts it as a transmit MTU drop.
+ */
+uint16_t tx_copy_mtu(const card_conn *c, uint16_t vq, struct rte_mbuf **pkts, uint16_t n,
+		     uint32_t mtu, uint16_t vport)
+{
+	uint16_t done = 0;
+
+	while (done < n) {
+		uint16_t run = done;
+		while (run < n && !tx_over_mtu(pkts[run], mtu))
+			run++;
+		if (run > done) {
+			uint16_t want = run - done;
+			uint16_t sent = tx_copy(c, vq, &pkts[done], want);
+			done += sent;
+			if (sent < want)
+				return done;
+		}
+		if (done < n) {
+			zorv_fw_count_tx_mtu_drop(vport);
+			done++;
+		}
+	}
+	return done;
+}
+
+
 /* ---- Receive offloads ---- */
 
 /*
@@ -394,7 +445,10 @@ uint16_t rte_zorv1_vhost_enqueue_burst(struct zorv1_vdev_txq *txq, struct rte_mb
 		return 0;
 
 	uint16_t n = std::min<uint16_t>(count, ZORV_CARD_TX_HOLD - hold->nb_held);
-	uint16_t sent = n != 0 ? tx_copy(c, vq, pkts, n) : 0;
+	uint16_t vport = static_cast<uint16_t>(internal->comm.flow_data.priv_port);
+	uint32_t mtu = zorv_fw_get_vport_mtu(vport);
+	uint16_t sent = n == 0 ? 0 : mtu != 0 ? tx_copy_mtu(c, vq, pkts, n, mtu, vport)
+					    : tx_copy(c, vq, pkts, n);
 	memcpy(&hold->held[hold->nb_held], pkts, sizeof(pkts[0]) * sent);
 	hold->nb_held += sent;
 	if (sent == count)

@@ -26,6 +26,8 @@
 #include "zorv1_logs.h"
 #include "zorv1_vhost.h"
 #include "zorv_diag_registry.h"
+#include "zorv_fw.h"
+#include "zorv_vhost_card.h"
 
 namespace {
 
@@ -125,6 +127,9 @@ std::unique_ptr<Record, free_deleter> alloc_record()
 	return std::unique_ptr<Record, free_deleter>(
 		static_cast<Record *>(calloc(1, sizeof(Record) + sizeof(Element))));
 }
+
+/* Interface names and socket paths: a unix socket address at most. */
+constexpr size_t SOCK_NAME_MAX = 108;
 
 /* ---- parameters ---- */
 
@@ -329,7 +334,10 @@ constexpr tel_command tel_commands[] = {
 	{"/zorv1/ring_info", zorv1_diag_tel_ring_info,
 	 "Receive ring behind a qid of a zorv1 port. Parameters: port name, qid"},
 	{"/zorv1/cp_stats", zorv1_diag_tel_cp_stats,
-	 "Control-plane counters of the zorv1 driver. No parameters"},
+	 "Control-plane counters of the zorv1 driver and the card's drop and refusal totals. "
+	 "No parameters"},
+	{"/zorv1/card", zorv1_diag_tel_card,
+	 "The card's side of a zorv1 port: peer, MTU and its drops. Parameters: port name"},
 };
 
 /* Telemetry accepts commands before EAL start-up. */
@@ -561,6 +569,58 @@ int zorv1_diag_tel_cp_stats(const char *, const char *params, struct rte_tel_dat
 		const auto *word = reinterpret_cast<const uint32_t *>(base + c.offset);
 		rte_tel_data_add_dict_u64(d, c.name, __atomic_load_n(word, __ATOMIC_RELAXED));
 	}
+	/* The card's own counters, over every port, after the driver's. */
+	rte_tel_data_add_dict_u64(d, "rx_mtu_drops", zorv_fw_mtu_drops_total(0));
+	rte_tel_data_add_dict_u64(d, "tx_mtu_drops", zorv_fw_mtu_drops_total(1));
+	rte_tel_data_add_dict_u64(d, "peers_refused", zorv_card_peers_refused_total());
+	return 0;
+}
+
+int zorv1_diag_tel_card(const char *, const char *params, struct rte_tel_data *d)
+{
+	port_params p;
+	char iface[SOCK_NAME_MAX] = "";
+	uint16_t port_id = 0;
+	uint16_t vport = 0;
+	bool found = false;
+
+	if (!parse_params(params, false, p))
+		return -EINVAL;
+	/* What the port's record says, read while the port cannot be closed. */
+	zorv1_dev_mutex_lock();
+	for (int slot = 0; slot < ZORV1_DEV_MAX && !found; slot++) {
+		struct rte_eth_dev *dev = zorv1_dev_get_ethdev_internal(slot);
+		if (dev == nullptr || dev->data == nullptr || strcmp(dev->data->name, p.name) != 0)
+			continue;
+		auto *in = static_cast<const struct zorv1_internal *>(dev->data->dev_private);
+		if (in == nullptr || in->iface_name == nullptr)
+			break;
+		snprintf(iface, sizeof(iface), "%s", in->iface_name);
+		port_id = dev->data->port_id;
+		vport = static_cast<uint16_t>(in->comm.flow_data.priv_port);
+		found = true;
+	}
+	zorv1_dev_mutex_unlock();
+	if (!found)
+		return -EINVAL;
+
+	char path[SOCK_NAME_MAX] = "";
+	zorv_card_socket_path(iface, path, sizeof(path));
+	rte_tel_data_start_dict(d);
+	rte_tel_data_add_dict_string(d, "name", p.name);
+	rte_tel_data_add_dict_u64(d, "portid", port_id);
+	rte_tel_data_add_dict_string(d, "iface", iface);
+	rte_tel_data_add_dict_string(d, "socket", path);
+	rte_tel_data_add_dict_u64(d, "sfi", zorv_card_iface_sfi(iface));
+	rte_tel_data_add_dict_int(d, "vid", zorv_card_iface_vid(iface));
+	rte_tel_data_add_dict_u64(d, "peers_refused", zorv_card_iface_peers_refused(iface));
+	rte_tel_data_add_dict_u64(d, "vport", vport);
+	/* 0: no MTU set on the virtual port, frames of any length pass. */
+	rte_tel_data_add_dict_u64(d, "mtu", zorv_fw_get_vport_mtu(vport));
+	rte_tel_data_add_dict_u64(d, "mtu_min", ZORV_FW_MTU_MIN);
+	rte_tel_data_add_dict_u64(d, "mtu_max", ZORV_FW_MTU_MAX);
+	rte_tel_data_add_dict_u64(d, "rx_mtu_drops", zorv_fw_get_mtu_drops(vport));
+	rte_tel_data_add_dict_u64(d, "tx_mtu_drops", zorv_fw_get_tx_mtu_drops(vport));
 	return 0;
 }
 

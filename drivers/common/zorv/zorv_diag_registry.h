@@ -9,7 +9,13 @@
  *   /zorv1/queue_info,<name>,<qid>      queue record of qid (2 x index + dir)
  *   /zorv1/queue_stats,<name>,<qid>     queue counters of qid
  *   /zorv1/ring_info,<name>,<qid>       receive ring behind qid
- *   /zorv1/cp_stats                     control-plane counters by name
+ *   /zorv1/cp_stats                     control-plane counters by name, then
+ *                                       the card's totals: rx_mtu_drops,
+ *                                       tx_mtu_drops, peers_refused
+ *   /zorv1/card,<name>                  the card's side of the port: socket,
+ *                                       sfi, vid, peers_refused, the virtual
+ *                                       port's mtu (0: none), mtu_min,
+ *                                       mtu_max, rx_mtu_drops, tx_mtu_drops
  * A bad or missing parameter, an unknown port or a failed operation makes
  * the command answer with an error.
  */
@@ -45,6 +51,7 @@ int zorv1_diag_tel_queue_info(const char *cmd, const char *params, struct rte_te
 int zorv1_diag_tel_queue_stats(const char *cmd, const char *params, struct rte_tel_data *d);
 int zorv1_diag_tel_ring_info(const char *cmd, const char *params, struct rte_tel_data *d);
 int zorv1_diag_tel_cp_stats(const char *cmd, const char *params, struct rte_tel_data *d);
+int zorv1_diag_tel_card(const char *cmd, const char *params, struct rte_tel_data *d);
 
 #ifdef __cplusplus
 }

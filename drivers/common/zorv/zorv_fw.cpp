@@ -21,6 +21,8 @@ constexpr size_t ZORV_FW_VPORTS = UINT16_MAX + 1;
 
 std::array<std::atomic<uint32_t>, ZORV_FW_VPORTS> vport_mtu{};
 std::array<std::atomic<uint64_t>, ZORV_FW_VPORTS> vport_mtu_drops{};
+std::array<std::atomic<uint64_t>, ZORV_FW_VPORTS> vport_tx_mtu_drops{};
+std::atomic<uint64_t> mtu_drops_total[2]; /* received, transmitted */
 std::array<std::atomic<uint32_t>, ZORV_FW_MAC_PORTS> macport_mtu{};
 
 const char *iface_of(const struct zorv1_internal *internal)
@@ -91,6 +93,7 @@ uint32_t zorv_fw_get_macport_mtu(uint16_t macport)
 void zorv_fw_count_mtu_drop(uint16_t vport)
 {
 	vport_mtu_drops[vport].fetch_add(1, std::memory_order_relaxed);
+	mtu_drops_total[0].fetch_add(1, std::memory_order_relaxed);
 }
 
 uint64_t zorv_fw_get_mtu_drops(uint16_t vport)
@@ -98,10 +101,27 @@ uint64_t zorv_fw_get_mtu_drops(uint16_t vport)
 	return vport_mtu_drops[vport].load(std::memory_order_relaxed);
 }
 
+void zorv_fw_count_tx_mtu_drop(uint16_t vport)
+{
+	vport_tx_mtu_drops[vport].fetch_add(1, std::memory_order_relaxed);
+	mtu_drops_total[1].fetch_add(1, std::memory_order_relaxed);
+}
+
+uint64_t zorv_fw_get_tx_mtu_drops(uint16_t vport)
+{
+	return vport_tx_mtu_drops[vport].load(std::memory_order_relaxed);
+}
+
+uint64_t zorv_fw_mtu_drops_total(int tx)
+{
+	return mtu_drops_total[tx != 0 ? 1 : 0].load(std::memory_order_relaxed);
+}
+
 void zorv_fw_vport_reset(uint16_t vport)
 {
 	vport_mtu[vport].store(0, std::memory_order_relaxed);
 	vport_mtu_drops[vport].store(0, std::memory_order_relaxed);
+	vport_tx_mtu_drops[vport].store(0, std::memory_order_relaxed);
 }
 
 } // extern "C"

@@ -41,13 +41,30 @@ static inline uint32_t zorv_fw_vport_frame_limit(uint16_t vport, int vlan_tagged
 	return mtu + ZORV_FW_ETH_HDR_LEN + (vlan_tagged ? ZORV_FW_VLAN_TAG_LEN : 0);
 }
 
-/* Count a frame the card dropped for exceeding the port's MTU; any thread. */
+/*
+ * The MTU of a virtual port holds in both directions: frames from the peer
+ * longer than it are dropped before the port receives them, frames the port
+ * transmits longer than it are dropped before they reach the peer. Each
+ * direction has its own drop count per virtual port, and a family-wide
+ * total that a reset of a virtual port does not take back.
+ */
+
+/* Count a received frame dropped for exceeding the port's MTU; any thread. */
 void zorv_fw_count_mtu_drop(uint16_t vport);
 
-/* Frames dropped for exceeding the MTU on the virtual port. */
+/* Received frames dropped for exceeding the MTU on the virtual port. */
 uint64_t zorv_fw_get_mtu_drops(uint16_t vport);
 
-/* Forget the MTU and the drop count of a virtual port (a new vNIC). */
+/* Count a transmitted frame dropped for exceeding the port's MTU; any thread. */
+void zorv_fw_count_tx_mtu_drop(uint16_t vport);
+
+/* Transmitted frames dropped for exceeding the MTU on the virtual port. */
+uint64_t zorv_fw_get_tx_mtu_drops(uint16_t vport);
+
+/* Frames dropped for the MTU on every virtual port: received (tx == 0) or transmitted. */
+uint64_t zorv_fw_mtu_drops_total(int tx);
+
+/* Forget the MTU and the drop counts of a virtual port (a new vNIC). */
 void zorv_fw_vport_reset(uint16_t vport);
 
 #ifdef __cplusplus

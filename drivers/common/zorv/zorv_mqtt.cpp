@@ -1,10 +1,8 @@
 /* SPDX-License-Identifier: BSD-3-Clause
  * Agent reports of the zorv1 family, carried over MQTT.
  *
- * Every report is one JSON object published with QoS 0 on the topic
- * ZORV1_MQTT_TOPIC (default "zorv1/agent/report") of the broker named by
- * ZORV1_MQTT_BROKER ("host[:port]" or "[v6addr]:port", default
- * 127.0.0.1:1883):
+ * Every report is one JSON object published with QoS 0 on the agent's topic
+ * (default "zorv1/agent/report") of its broker (default 127.0.0.1:1883):
  *
  *   {"kind": 3, "kind_name": "ZORV1_MSG_DEV_ADD_ERR", "error": 1,
  *    "error_name": "ZORV1_ERR_DEV_PARSE", "device": "net_zorv1_0" | null,
@@ -35,6 +33,28 @@
  *
  * At process exit (or unload) the client says DISCONNECT and is freed;
  * reports made after that fail with -ESHUTDOWN.
+ *
+ * Configuration, read when a client starts: a file named by
+ * ZORV1_MQTT_CONFIG (lines "key value" or "key = value", '#' comments) and
+ * environment variables, which win over the file:
+ *   broker     ZORV1_MQTT_BROKER     "host[:port]" or "[v6addr]:port"
+ *   topic      ZORV1_MQTT_TOPIC      topic of the reports
+ *   client_id  ZORV1_MQTT_CLIENT_ID  MQTT client id (default: a random one)
+ *   username   ZORV1_MQTT_USERNAME   user name for the broker
+ *   password   ZORV1_MQTT_PASSWORD   its password
+ *   cafile     ZORV1_MQTT_CAFILE     CA certificates (PEM): the connection
+ *                                    uses TLS and verifies the broker's
+ *                                    certificate and host name
+ *   certfile   ZORV1_MQTT_CERTFILE   client certificate (PEM), with TLS
+ *   keyfile    ZORV1_MQTT_KEYFILE    its private key (PEM)
+ * A configuration that cannot be used (unreadable file, unknown key, a
+ * client certificate without key or CA, files the TLS library refuses) is
+ * logged once and the agent stays down: reports fail until the client is
+ * restarted, rather than go to a broker nobody asked for in clear text.
+ *
+ * Why the broker cannot be reached (refused connection, bad credentials,
+ * a TLS failure) is logged once, and again only when the reason changes or
+ * after a connection succeeded; the retries in between are silent.
  */
 #include <pthread.h>
 #include <time.h>
@@ -47,11 +67,13 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <mosquitto.h>
 
@@ -221,6 +243,141 @@ bool parse_broker(const char *text, std::string &host, int &port)
 	return true;
 }
 
+/* What a client is started with. */
+struct agent_config {
+	std::string host = ZORV1_MQTT_DEFAULT_HOST;
+	int port = ZORV1_MQTT_DEFAULT_PORT;
+	std::string topic = ZORV1_MQTT_DEFAULT_TOPIC;
+	std::string client_id; /* empty: the library makes one up */
+	std::string username;  /* empty: no authentication */
+	std::string password;
+	std::string cafile; /* set: TLS */
+	std::string certfile;
+	std::string keyfile;
+};
+
+constexpr struct {
+	const char *key;
+	const char *env;
+} config_keys[] = {
+	{"broker", "ZORV1_MQTT_BROKER"},       {"topic", "ZORV1_MQTT_TOPIC"},
+	{"client_id", "ZORV1_MQTT_CLIENT_ID"}, {"username", "ZORV1_MQTT_USERNAME"},
+	{"password", "ZORV1_MQTT_PASSWORD"},   {"cafile", "ZORV1_MQTT_CAFILE"},
+	{"certfile", "ZORV1_MQTT_CERTFILE"},   {"keyfile", "ZORV1_MQTT_KEYFILE"},
+};
+
+std::string trim(const std::string &t)
+{
+	size_t b = t.find_first_not_of(" \t\r");
+	if (b == std::string::npos)
+		return "";
+	size_t e = t.find_last_not_of(" \t\r");
+	return t.substr(b, e - b + 1);
+}
+
+/*
+ * Set one setting; an empty value leaves the default. Bad broker and topic
+ * values are logged and the default kept, as they always were.
+ */
+bool config_set(agent_config &c, const std::string &key, const std::string &value,
+		std::string &why)
+{
+	if (value.empty())
+		return true;
+	if (key == "broker") {
+		std::string host;
+		int port;
+		if (parse_broker(value.c_str(), host, port)) {
+			c.host = host;
+			c.port = port;
+		} else {
+			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_BROKER \"%s\", using %s:%d\n",
+				       value.c_str(), ZORV1_MQTT_DEFAULT_HOST, ZORV1_MQTT_DEFAULT_PORT);
+		}
+	} else if (key == "topic") {
+		if (mosquitto_pub_topic_check(value.c_str()) == MOSQ_ERR_SUCCESS)
+			c.topic = value;
+		else
+			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_TOPIC \"%s\", using %s\n", value.c_str(),
+				       ZORV1_MQTT_DEFAULT_TOPIC);
+	} else if (key == "client_id") {
+		c.client_id = value;
+	} else if (key == "username") {
+		c.username = value;
+	} else if (key == "password") {
+		c.password = value;
+	} else if (key == "cafile") {
+		c.cafile = value;
+	} else if (key == "certfile") {
+		c.certfile = value;
+	} else if (key == "keyfile") {
+		c.keyfile = value;
+	} else {
+		why = "unknown key \"" + key + "\"";
+		return false;
+	}
+	return true;
+}
+
+/* The file of ZORV1_MQTT_CONFIG, then the environment. False with why. */
+bool load_config(agent_config &c, std::string &why)
+{
+	const char *path = getenv("ZORV1_MQTT_CONFIG");
+	if (path != nullptr && path[0] != '\0') {
+		FILE *f = fopen(path, "re");
+		if (f == nullptr) {
+			why = std::string(path) + ": " + strerror(errno);
+			return false;
+		}
+		char line[1024];
+		int n = 0;
+		bool ok = true;
+		while (ok && fgets(line, sizeof(line), f) != nullptr) {
+			n++;
+			std::string t(line);
+			if (!t.empty() && t.back() == '\n')
+				t.pop_back();
+			size_t hash = t.find('#');
+			if (hash != std::string::npos)
+				t.erase(hash);
+			t = trim(t);
+			if (t.empty())
+				continue;
+			size_t sep = t.find_first_of(" \t=");
+			std::string key = trim(t.substr(0, sep));
+			std::string value = sep == std::string::npos ? "" : trim(t.substr(sep));
+			if (!value.empty() && value[0] == '=')
+				value = trim(value.substr(1));
+			std::string bad;
+			if (!config_set(c, key, value, bad)) {
+				why = std::string(path) + ":" + std::to_string(n) + ": " + bad;
+				ok = false;
+			}
+		}
+		fclose(f);
+		if (!ok)
+			return false;
+	}
+	for (const auto &k : config_keys) {
+		const char *v = getenv(k.env);
+		if (v != nullptr && !config_set(c, k.key, v, why))
+			return false;
+	}
+	if (c.cafile.empty() && (!c.certfile.empty() || !c.keyfile.empty())) {
+		why = "a client certificate needs TLS: no cafile";
+		return false;
+	}
+	if (c.certfile.empty() != c.keyfile.empty()) {
+		why = "certfile and keyfile go together";
+		return false;
+	}
+	if (c.username.empty() && !c.password.empty()) {
+		why = "a password without a username";
+		return false;
+	}
+	return true;
+}
+
 enum class agent_state { idle, starting, running, stopping };
 
 class mqtt_agent {
@@ -243,6 +400,10 @@ private:
 	static void *starter_main(void *arg);
 	static void on_connect(struct mosquitto *mosq, void *obj, int rc);
 	static void on_disconnect(struct mosquitto *mosq, void *obj, int rc);
+	static void on_log(struct mosquitto *mosq, void *obj, int level, const char *text);
+	bool setup_client(struct mosquitto *mosq);
+	void why_down(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+	void forget_why();
 
 	/* Guards the life of the client: state, handle, starter and settings. */
 	std::mutex life_mu_;
@@ -252,10 +413,15 @@ private:
 	bool starter_joinable_ = false;
 	bool closed_ = false;
 	/* Settings of the current client; fixed from start to shutdown. */
-	std::string host_;
-	int port_ = ZORV1_MQTT_DEFAULT_PORT;
-	std::string topic_;
+	agent_config cfg_;
 	std::chrono::steady_clock::time_point first_deadline_{};
+	/* The configuration cannot be used: logged, no client until shutdown. */
+	bool setup_failed_ = false;
+
+	/* Why the broker is out of reach, as last logged; the library's last error. */
+	std::mutex why_mu_;
+	std::string why_;
+	std::string lib_error_;
 
 	/* Connection events from the network thread; never held while logging. */
 	std::mutex ev_mu_;
@@ -284,6 +450,43 @@ void mqtt_agent::attempt_done()
 	ev_cv_.notify_all();
 }
 
+/* Log why the broker is out of reach, unless that is what was said last. */
+void mqtt_agent::why_down(const char *fmt, ...)
+{
+	char text[512];
+	va_list ap;
+
+	va_start(ap, fmt);
+	vsnprintf(text, sizeof(text), fmt, ap);
+	va_end(ap);
+	{
+		std::lock_guard<std::mutex> lk(why_mu_);
+		if (why_ == text)
+			return;
+		why_ = text;
+	}
+	ZORV1_VDEV_LOG(WARNING, "Agent broker %s:%d: %s; reports fail until it is reached\n",
+		       cfg_.host.c_str(), cfg_.port, text);
+}
+
+void mqtt_agent::forget_why()
+{
+	std::lock_guard<std::mutex> lk(why_mu_);
+	why_.clear();
+	lib_error_.clear();
+}
+
+/* The library's own account of a failure (OpenSSL's, for TLS). */
+void mqtt_agent::on_log(struct mosquitto *, void *obj, int level, const char *text)
+{
+	auto *self = static_cast<mqtt_agent *>(obj);
+
+	if ((level & MOSQ_LOG_ERR) == 0 || text == nullptr)
+		return;
+	std::lock_guard<std::mutex> lk(self->why_mu_);
+	self->lib_error_ = text;
+}
+
 void mqtt_agent::on_connect(struct mosquitto *, void *obj, int rc)
 {
 	auto *self = static_cast<mqtt_agent *>(obj);
@@ -293,11 +496,13 @@ void mqtt_agent::on_connect(struct mosquitto *, void *obj, int rc)
 			std::lock_guard<std::mutex> lk(self->ev_mu_);
 			self->connected_ = true;
 		}
-		ZORV1_VDEV_LOG(INFO, "Agent connected to broker %s:%d\n", self->host_.c_str(),
-			       self->port_);
+		self->forget_why();
+		ZORV1_VDEV_LOG(INFO, "Agent connected to broker %s:%d\n", self->cfg_.host.c_str(),
+			       self->cfg_.port);
 	} else {
-		ZORV1_VDEV_LOG(WARNING, "Agent broker %s:%d refused the connection: %s\n",
-			       self->host_.c_str(), self->port_, mosquitto_connack_string(rc));
+		self->why_down("refused the connection%s%s: %s",
+			       self->cfg_.username.empty() ? "" : " of user ",
+			       self->cfg_.username.c_str(), mosquitto_connack_string(rc));
 	}
 	self->attempt_done();
 }
@@ -311,10 +516,53 @@ void mqtt_agent::on_disconnect(struct mosquitto *, void *obj, int rc)
 		std::lock_guard<std::mutex> lk(self->ev_mu_);
 		was = self->connected_.exchange(false);
 	}
-	if (was && rc != 0)
-		ZORV1_VDEV_LOG(WARNING, "Agent lost broker %s:%d: %s\n", self->host_.c_str(),
-			       self->port_, mosquitto_strerror(rc));
+	if (was && rc != 0) {
+		ZORV1_VDEV_LOG(WARNING, "Agent lost broker %s:%d: %s\n", self->cfg_.host.c_str(),
+			       self->cfg_.port, mosquitto_strerror(rc));
+	} else if (!was && rc != 0 && rc != MOSQ_ERR_CONN_REFUSED) {
+		/* A connection that never got as far as the broker's answer (TLS). */
+		std::string lib;
+		{
+			std::lock_guard<std::mutex> lk(self->why_mu_);
+			lib = self->lib_error_;
+		}
+		self->why_down("connection failed: %s%s%s", mosquitto_strerror(rc),
+			       lib.empty() ? "" : " ", lib.c_str());
+	}
 	self->attempt_done();
+}
+
+/* Identity, credentials and TLS of a new client. False (logged) when refused. */
+bool mqtt_agent::setup_client(struct mosquitto *mosq)
+{
+	const agent_config &c = cfg_;
+	int rc;
+
+	if (!c.username.empty()) {
+		rc = mosquitto_username_pw_set(mosq, c.username.c_str(),
+					       c.password.empty() ? nullptr : c.password.c_str());
+		if (rc != MOSQ_ERR_SUCCESS) {
+			ZORV1_VDEV_LOG(ERR, "Agent credentials not usable: %s\n",
+				       mosquitto_strerror(rc));
+			return false;
+		}
+	}
+	if (c.cafile.empty())
+		return true;
+	rc = mosquitto_tls_set(mosq, c.cafile.c_str(), nullptr,
+			       c.certfile.empty() ? nullptr : c.certfile.c_str(),
+			       c.keyfile.empty() ? nullptr : c.keyfile.c_str(), nullptr);
+	if (rc == MOSQ_ERR_SUCCESS)
+		rc = mosquitto_tls_opts_set(mosq, 1 /* verify the broker */, nullptr, nullptr);
+	if (rc != MOSQ_ERR_SUCCESS) {
+		ZORV1_VDEV_LOG(ERR,
+			       "Agent TLS settings (cafile %s, certfile %s, keyfile %s) not usable: %s\n",
+			       c.cafile.c_str(), c.certfile.empty() ? "none" : c.certfile.c_str(),
+			       c.keyfile.empty() ? "none" : c.keyfile.c_str(),
+			       rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
+		return false;
+	}
+	return true;
 }
 
 /*
@@ -347,13 +595,21 @@ void *mqtt_agent::starter_main(void *arg)
 	int rc;
 
 	mosquitto_lib_init();
-	mosq = mosquitto_new(nullptr, true, self);
+	mosq = mosquitto_new(self->cfg_.client_id.empty() ? nullptr : self->cfg_.client_id.c_str(),
+			     true, self);
 	if (mosq == nullptr) {
 		ZORV1_VDEV_LOG(ERR, "Agent client creation failed: %s\n", strerror(errno));
 		goto err_lib;
 	}
+	if (!self->setup_client(mosq)) {
+		std::lock_guard<std::mutex> lk(self->life_mu_);
+		self->setup_failed_ = true;
+		mosquitto_destroy(mosq);
+		goto err_lib;
+	}
 	mosquitto_connect_callback_set(mosq, on_connect);
 	mosquitto_disconnect_callback_set(mosq, on_disconnect);
+	mosquitto_log_callback_set(mosq, on_log);
 	mosquitto_reconnect_delay_set(mosq, ZORV1_MQTT_RECONNECT_MIN_S, ZORV1_MQTT_RECONNECT_MAX_S,
 				      true);
 
@@ -370,11 +626,18 @@ void *mqtt_agent::starter_main(void *arg)
 	}
 
 	/* Resolves the broker and starts a non-blocking connect. */
-	rc = mosquitto_connect_async(mosq, self->host_.c_str(), self->port_, ZORV1_MQTT_KEEPALIVE_S);
+	rc = mosquitto_connect_async(mosq, self->cfg_.host.c_str(), self->cfg_.port,
+				     ZORV1_MQTT_KEEPALIVE_S);
 	if (rc != MOSQ_ERR_SUCCESS) {
-		ZORV1_VDEV_LOG(WARNING, "Agent broker %s:%d not reachable (%s), retrying in background\n",
-			       self->host_.c_str(), self->port_,
-			       rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
+		std::string lib;
+		{
+			/* A TLS handshake fails in here, with OpenSSL's reason logged. */
+			std::lock_guard<std::mutex> lk(self->why_mu_);
+			lib = self->lib_error_;
+		}
+		self->why_down("not reachable (%s%s%s), retrying in background",
+			       rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc),
+			       lib.empty() ? "" : ": ", lib.c_str());
 		self->attempt_done();
 		/*
 		 * libmosquitto's network thread only reconnects a client whose
@@ -415,31 +678,23 @@ err_lib:
 /* Called with life_mu_ held and the state idle. */
 bool mqtt_agent::start_locked()
 {
-	const char *broker = getenv("ZORV1_MQTT_BROKER");
-	const char *topic = getenv("ZORV1_MQTT_TOPIC");
-
 	if (starter_joinable_) {
 		/* A starter that gave up; it has nothing left to do but return. */
 		pthread_join(starter_, nullptr);
 		starter_joinable_ = false;
 	}
 
-	if (broker == nullptr || broker[0] == '\0' || !parse_broker(broker, host_, port_)) {
-		if (broker != nullptr && broker[0] != '\0')
-			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_BROKER \"%s\", using %s:%d\n", broker,
-				       ZORV1_MQTT_DEFAULT_HOST, ZORV1_MQTT_DEFAULT_PORT);
-		host_ = ZORV1_MQTT_DEFAULT_HOST;
-		port_ = ZORV1_MQTT_DEFAULT_PORT;
+	if (setup_failed_)
+		return false; /* said once when it failed */
+	cfg_ = agent_config{};
+	std::string why;
+	if (!load_config(cfg_, why)) {
+		ZORV1_VDEV_LOG(ERR, "Agent configuration not usable (%s); no reports are sent\n",
+			       why.c_str());
+		setup_failed_ = true;
+		return false;
 	}
-	if (topic == nullptr || topic[0] == '\0' ||
-	    mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) {
-		if (topic != nullptr && topic[0] != '\0')
-			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_TOPIC \"%s\", using %s\n", topic,
-				       ZORV1_MQTT_DEFAULT_TOPIC);
-		topic_ = ZORV1_MQTT_DEFAULT_TOPIC;
-	} else {
-		topic_ = topic;
-	}
+	forget_why();
 
 	connected_ = false;
 	first_pending_ = true;
@@ -488,7 +743,7 @@ int mqtt_agent::send(const std::string &json)
 	if (state_ != agent_state::running || mosq_ == nullptr || !connected_)
 		return -ENOTCONN;
 	/* Threaded client: this only queues the packet for the network thread. */
-	rc = mosquitto_publish(mosq_, nullptr, topic_.c_str(), static_cast<int>(json.size()),
+	rc = mosquitto_publish(mosq_, nullptr, cfg_.topic.c_str(), static_cast<int>(json.size()),
 			       json.data(), 0, false);
 	switch (rc) {
 	case MOSQ_ERR_SUCCESS:
@@ -513,8 +768,10 @@ void mqtt_agent::shutdown()
 
 	{
 		std::lock_guard<std::mutex> lk(life_mu_);
-		if (state_ == agent_state::idle && !starter_joinable_)
+		if (state_ == agent_state::idle && !starter_joinable_) {
+			setup_failed_ = false; /* the next client reads the configuration again */
 			return;
+		}
 		state_ = agent_state::stopping;
 		join = starter_joinable_;
 		starter_joinable_ = false;
@@ -549,6 +806,7 @@ void mqtt_agent::shutdown()
 	first_pending_ = false;
 	std::lock_guard<std::mutex> lk(life_mu_);
 	state_ = agent_state::idle;
+	setup_failed_ = false; /* the next client reads the configuration again */
 }
 
 void mqtt_agent::close()

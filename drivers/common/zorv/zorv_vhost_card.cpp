@@ -14,6 +14,7 @@
  * card never holds its own mutex while it calls the port or the vhost
  * library.
  */
+#include <dirent.h>
 #include <errno.h>
 #include <inttypes.h>
 #include <stdlib.h>
@@ -73,10 +74,14 @@ struct card_iface {
 	int vid;                    /* live connection, or -1 */
 	char name[SOCK_PATH_MAX];   /* interface name as registered */
 	char path[SOCK_PATH_MAX];   /* socket path */
+	int peer_dev = -1;          /* vhost device of the peer on the socket, or -1 */
+	bool refusal_logged;        /* a refusal was logged while that peer is on */
+	uint64_t peers_refused;     /* connections refused while a peer was on */
 };
 
 pthread_mutex_t card_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::array<card_iface, ZORV_CARD_MAX_IFACES> ifaces; /* under card_mutex */
+std::atomic<uint64_t> peers_refused_total{0}; /* over every interface, ever */
 /*
  * Set while this thread is inside zorv1_dpu_vdev_protocol_unregister. The
  * port's close unregisters with the device manager's mutex held, after it
@@ -265,10 +270,129 @@ void conn_update_ready(int vid, card_conn *c, bool enable)
 	}
 }
 
+/* ---- One peer per interface ---- */
+
+/*
+ * Connections of this process accepted on the socket at path whose peer
+ * has not closed them. An accepted unix socket is named after the socket
+ * it was accepted on; one whose peer has closed it reads end-of-file.
+ */
+int open_connections_on(const char *path)
+{
+	DIR *d = opendir("/proc/self/fd");
+	if (d == nullptr)
+		return -1;
+	int n = 0;
+	for (struct dirent *e; (e = readdir(d)) != nullptr;) {
+		int fd = atoi(e->d_name);
+		if (e->d_name[0] < '0' || e->d_name[0] > '9' || fd == dirfd(d))
+			continue;
+		int listening = 0;
+		socklen_t optlen = sizeof(listening);
+		if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &optlen) != 0 ||
+		    listening != 0)
+			continue;
+		struct sockaddr_un un = {};
+		socklen_t len = sizeof(un);
+		if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&un), &len) != 0 ||
+		    un.sun_family != AF_UNIX || len <= offsetof(struct sockaddr_un, sun_path) ||
+		    strncmp(un.sun_path, path, sizeof(un.sun_path)) != 0)
+			continue;
+		char byte;
+		if (recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0)
+			n++;
+	}
+	closedir(d);
+	return n;
+}
+
+/*
+ * Record dev as the peer on the socket at path unless another peer is on
+ * and not known to be gone. 0 recorded, 1 another peer is on, -1 the socket
+ * is not an interface's.
+ */
+int claim_socket(const char *path, int dev, bool other_gone)
+{
+	card_lock lock;
+	int slot = find_iface_locked(nullptr, path);
+	if (slot < 0)
+		return -1;
+	card_iface &f = ifaces[slot];
+	if (f.peer_dev >= 0 && f.peer_dev != dev && !other_gone)
+		return 1;
+	if (f.peer_dev != dev)
+		f.refusal_logged = false;
+	f.peer_dev = dev;
+	return 0;
+}
+
+/*
+ * A socket serves one peer at a time: a second connection while a peer is
+ * on would take the port over and leave the first peer's link up with its
+ * traffic stopped. It is refused (the vhost library closes it) and counted;
+ * the first refusal while a peer is on is logged. True when refused.
+ *
+ * The vhost library accepts a new connection before it reads the end of
+ * an old one that was closed at about the same time: a peer that leaves
+ * and comes back at once would be refused by its own ghost. So before a
+ * refusal the card looks whether the connected peer's socket is still
+ * open; if not, the new connection takes its place.
+ */
+bool refuse_second_peer(int dev)
+{
+	char path[PATH_MAX] = "";
+	if (rte_vhost_get_ifname(dev, path, sizeof(path)) != 0)
+		return false;
+	if (claim_socket(path, dev, false) != 1)
+		return false; /* an unknown socket is refused by new_device */
+
+	/* System calls: not under the card's mutex. */
+	int open = open_connections_on(path);
+	if (claim_socket(path, dev, open >= 0 && open <= 1) != 1)
+		return false;
+
+	char name[SOCK_PATH_MAX];
+	int peer;
+	{
+		card_lock lock;
+		int slot = find_iface_locked(nullptr, path);
+		if (slot < 0)
+			return true;
+		card_iface &f = ifaces[slot];
+		f.peers_refused++;
+		peers_refused_total.fetch_add(1, std::memory_order_relaxed);
+		if (f.refusal_logged)
+			return true;
+		f.refusal_logged = true;
+		peer = f.peer_dev;
+		memcpy(name, f.name, sizeof(name));
+	}
+	ZORV1_VDEV_LOG(WARNING,
+		       "%s: a peer is connected (vhost device %d); further connections are refused "
+		       "and counted until it leaves\n",
+		       name, peer);
+	return true;
+}
+
+/* The peer's socket connection is gone: the next one may connect. */
+void peer_left(int dev)
+{
+	card_lock lock;
+	for (card_iface &f : ifaces) {
+		if (f.used && f.peer_dev == dev) {
+			f.peer_dev = -1;
+			f.refusal_logged = false;
+		}
+	}
+}
+
+
 /* ---- vhost callbacks ---- */
 
 int card_new_connection(int dev)
 {
+	if (refuse_second_peer(dev))
+		return -1;
 	card_dev *d = dev_of(dev);
 	if (d != nullptr) {
 		d->vring_on.fill(0);
@@ -282,6 +406,7 @@ void card_destroy_connection(int dev)
 	card_dev *d = dev_of(dev);
 	if (d != nullptr)
 		d->vring_on.fill(0);
+	peer_left(dev);
 }
 
 /*
@@ -771,6 +896,19 @@ uint64_t zorv_card_conn_features(int vid)
 	card_conn *c = live_conn(vid);
 	return c != nullptr ? c->features.load(std::memory_order_relaxed) : 0;
 }
+
+uint64_t zorv_card_iface_peers_refused(const char *iface)
+{
+	card_lock lock;
+	int slot = find_iface_locked(iface, nullptr);
+	return slot >= 0 ? ifaces[slot].peers_refused : 0;
+}
+
+uint64_t zorv_card_peers_refused_total(void)
+{
+	return peers_refused_total.load(std::memory_order_relaxed);
+}
+
 
 uint32_t zorv_card_iface_count(void)
 {

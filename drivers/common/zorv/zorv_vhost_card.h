@@ -115,6 +115,19 @@
  * /zorv1/card_stats (rx_csum_completed, rx_gso_frames, rx_gso_segments,
  * rx_offload_bad, rx_offload_nombuf, rx_ring_full).
  *
+ * One peer per socket: while a peer is connected to an interface's socket,
+ * another connection on it is refused at once (the vhost library closes
+ * it), counted per interface and in total, and the first such refusal
+ * while that peer is on is logged; the connected peer keeps its traffic.
+ * Once its connection is closed the next peer may connect.
+ *
+ * MTU: once the firmware holds an MTU for the port's virtual port, it
+ * holds both ways. A frame from the peer longer than MTU + 14 (+ 4 when
+ * tagged) is dropped before the port sees it; one the port transmits is
+ * taken from the port and dropped before the copy (a TSO packet when one of
+ * its segments, headers included, exceeds the MTU). The firmware counts
+ * each direction (zorv_fw.h). A virtual port without an MTU has no limit.
+ *
  * Transmitted mbufs: the virtio copy leaves accepted mbufs with the card,
  * which keeps them readable until the port's transmit burst has returned
  * (the burst reads them after its last enqueue) and frees them at the start
@@ -211,6 +224,15 @@ struct zorv_card_rx_stats {
 
 /* The card's receive offload counters since start (all peers). */
 void zorv_card_get_rx_stats(struct zorv_card_rx_stats *st);
+
+/*
+ * Connections refused on the socket of a registered interface because a
+ * peer was already connected (0 for an unknown interface; the count starts
+ * again when the interface is registered again), and over every interface
+ * since the process started.
+ */
+uint64_t zorv_card_iface_peers_refused(const char *iface);
+uint64_t zorv_card_peers_refused_total(void);
 
 struct rte_mbuf;
 struct rte_mempool;

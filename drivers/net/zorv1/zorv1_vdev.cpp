@@ -48,6 +48,7 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv1_vhost.h"
 #include "zorv_dev_cmds.h"
+#include "zorv_fw.h"
 
 /* ========================================================================
  * Records and constants
@@ -812,6 +813,9 @@ extern "C" int eth_dev_info(struct rte_eth_dev *dev, struct rte_eth_dev_info *de
 	dev_info->tx_offload_capa = ZORV1_TX_OFFLOAD_CAPA;
 	/* No receive offload is advertised, VLAN strip included. */
 	dev_info->rx_offload_capa = 0;
+	/* The MTUs the card's firmware accepts: DPDK refuses any other before mtu_set. */
+	dev_info->min_mtu = ZORV_FW_MTU_MIN;
+	dev_info->max_mtu = ZORV_FW_MTU_MAX;
 	return 0;
 }
 
@@ -1023,12 +1027,26 @@ extern "C" int eth_dev_configure(struct rte_eth_dev *dev)
 	return 0;
 }
 
+/*
+ * Every configured queue follows the port: there is no per-queue start or
+ * stop, so the states that DPDK reports (rte_eth_rx_queue_info_get, the
+ * ethdev telemetry, testpmd) are those of the port.
+ */
+static void zorv1_set_queue_states(struct rte_eth_dev *dev, uint8_t state)
+{
+	for (uint16_t i = 0; i < dev->data->nb_rx_queues; i++)
+		dev->data->rx_queue_state[i] = state;
+	for (uint16_t i = 0; i < dev->data->nb_tx_queues; i++)
+		dev->data->tx_queue_state[i] = state;
+}
+
 extern "C" int eth_dev_start(struct rte_eth_dev *eth_dev)
 {
 	struct zorv1_internal *internal = zorv1_dev_internal(eth_dev);
 
 	internal->started = 1; /* read by the gate update */
 	zorv1_update_queuing_status(eth_dev, false);
+	zorv1_set_queue_states(eth_dev, RTE_ETH_QUEUE_STATE_STARTED);
 	g_dpdk_cp_stat.eth_dev_start++;
 	return 0;
 }
@@ -1039,6 +1057,7 @@ extern "C" int eth_dev_stop(struct rte_eth_dev *dev)
 
 	internal->started = 0; /* read by the gate update */
 	zorv1_update_queuing_status(dev, true);
+	zorv1_set_queue_states(dev, RTE_ETH_QUEUE_STATE_STOPPED);
 	g_dpdk_cp_stat.eth_dev_stop++;
 	return 0;
 }

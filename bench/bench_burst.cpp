@@ -15,8 +15,19 @@
  * burst did what it should (packets moved, counters kept, gate left empty),
  * so that a broken path cannot pass for a fast one.
  *
- * Usage: bench_burst [--runs N] [--cell-ms MS] [--cpu N]
+ * With --copy the transport copies each frame's bytes into the mbufs it hands
+ * out and out of the mbufs it takes, as a real one does; the mbufs are then
+ * in the cache when the burst sees them, and the difference to the bare loop
+ * is the driver's own work rather than its first touch of cold mbufs.
+ *
+ * Usage: bench_burst [--runs N] [--cell-ms MS] [--cpu N] [--count-calls N] [--copy]
  * The markdown report goes to stdout; DPDK's own log goes to stderr.
+ *
+ * With --count-calls N the timing is skipped: every burst cell runs exactly N
+ * calls, checked as usual, and under callgrind each cell's instructions are
+ * dumped on their own ("rx driver 32", "tx bare 256", ...), which gives a
+ * per-packet instruction count that does not depend on the machine's load
+ * (scripts/bench_burst_instr.sh). Outside valgrind the dumps cost nothing.
  */
 #include <errno.h>
 #include <sched.h>
@@ -44,6 +55,8 @@
 #include <rte_mbuf.h>
 #include <rte_mempool.h>
 
+#include <valgrind/callgrind.h>
+
 #include "zorv1_logs.h"
 #include "zorv1_vdev_internal.h"
 #include "zorv1_vhost.h"
@@ -54,6 +67,7 @@ void transport_fill(struct rte_mbuf *const *mbufs, unsigned int n);
 uint64_t transport_dequeued(void);
 uint64_t transport_enqueued(void);
 struct rte_mbuf *transport_last_enqueued(void);
+void transport_copy_frames(const void *frame, uint16_t len);
 } // namespace bench
 
 namespace {
@@ -78,6 +92,8 @@ struct options {
 	unsigned int runs = 7;
 	unsigned int cell_ms = 200;
 	int cpu = 0;
+	unsigned int count_calls = 0; /* instruction-count mode when non-zero */
+	bool copy = false;            /* the transport copies frame bytes */
 };
 
 /* The bare transport call loop: the driver's chunking, nothing else. */
@@ -357,6 +373,10 @@ bool parse_options(int argc, char **argv, options *o)
 {
 	for (int i = 1; i < argc; i++) {
 		unsigned long v = 0;
+		if (strcmp(argv[i], "--copy") == 0) {
+			o->copy = true;
+			continue;
+		}
 		if (i + 1 >= argc)
 			return false;
 		if (strcmp(argv[i], "--runs") == 0 && parse_uint(argv[i + 1], 1000, &v) && v >= 1)
@@ -366,6 +386,9 @@ bool parse_options(int argc, char **argv, options *o)
 			o->cell_ms = (unsigned int)v;
 		else if (strcmp(argv[i], "--cpu") == 0 && parse_uint(argv[i + 1], 4095, &v))
 			o->cpu = (int)v;
+		else if (strcmp(argv[i], "--count-calls") == 0 &&
+			 parse_uint(argv[i + 1], 1000000, &v) && v >= 1)
+			o->count_calls = (unsigned int)v;
 		else
 			return false;
 		i++;
@@ -444,7 +467,8 @@ int main(int argc, char **argv)
 {
 	options opt;
 	if (!parse_options(argc, argv, &opt)) {
-		fprintf(stderr, "usage: %s [--runs N] [--cell-ms MS] [--cpu N]\n", argv[0]);
+		fprintf(stderr, "usage: %s [--runs N] [--cell-ms MS] [--cpu N] [--count-calls N] [--copy]\n",
+			argv[0]);
 		return 2;
 	}
 	if (start_eal(opt) < 0) {
@@ -480,6 +504,8 @@ int main(int argc, char **argv)
 	for (unsigned int i = NB_FRAMES; i < g_bench.tx_bufs.size(); i++)
 		g_bench.tx_bufs[i] = g_bench.tx_bufs[i - NB_FRAMES];
 	bench::transport_fill(rx_frames.data(), NB_FRAMES);
+	if (opt.copy)
+		bench::transport_copy_frames(rte_pktmbuf_mtod(rx_frames[0], const void *), FRAME_LEN);
 
 	/* A started port with a bound hardware function: its gates are open. */
 	g_bench.internal = static_cast<struct zorv1_internal *>(
@@ -520,6 +546,28 @@ int main(int argc, char **argv)
 		cells.push_back({"driver, gate closed", d, true, closed_q, CLOSED_GATE_BURST, 0});
 		cells.push_back({"driver, gate open, nb_bufs 0", d, true, open_q, 0, 0});
 		cells.push_back({"bare, nb_bufs 0", d, false, open_q, 0, 0});
+	}
+
+	if (opt.count_calls != 0) {
+		/* One warm-up block, then one block per cell with its own dump. */
+		for (size_t i = 0; i < gate_first; i++) {
+			const cell &c = cells[i];
+			char name[64];
+			snprintf(name, sizeof(name), "%s %s %u packets %lu",
+				 c.dir == direction::RX ? "rx" : "tx", c.what, c.nb_bufs,
+				 (unsigned long)opt.count_calls * c.expect);
+			measure_block(c, opt.count_calls);
+			CALLGRIND_ZERO_STATS;
+			measure_block(c, opt.count_calls);
+			CALLGRIND_DUMP_STATS_AT(name);
+		}
+		if (g_failed) {
+			fprintf(stderr, "bench_burst: a burst did not behave; no results\n");
+			return finish(1);
+		}
+		printf("count mode: %zu cells of %u calls each, all checked\n", gate_first,
+		       opt.count_calls);
+		return finish(0);
 	}
 
 	/* Warm every cell up and size its timed blocks. */
@@ -567,8 +615,13 @@ int main(int argc, char **argv)
 	printf("- TSC %.3f GHz; lcore %u on CPU %d; %u runs, each cell >= %u ms per run "
 	       "(cells interleaved); 64-byte frames, %u distinct mbufs per direction (warm cache)\n",
 	       (double)hz / 1e9, rte_lcore_id(), sched_getcpu(), opt.runs, opt.cell_ms, NB_FRAMES);
-	printf("- transport: pointer passing only (dequeue hands out ready mbufs, enqueue keeps "
-	       "the pointers; no copy, no free); both loops are reached by an indirect call\n");
+	if (opt.copy)
+		printf("- transport: copying (dequeue writes a 64-byte frame and its lengths into each "
+		       "mbuf, enqueue reads each mbuf's length and bytes; no free); both loops are "
+		       "reached by an indirect call\n");
+	else
+		printf("- transport: pointer passing only (dequeue hands out ready mbufs, enqueue keeps "
+		       "the pointers; no copy, no free); both loops are reached by an indirect call\n");
 	printf("- log levels: cfg %s, rx %s, tx %s, perf %s, cmd %s: DEBUG %s; time-stamp "
 	       "switch off; VLAN strip/insert off\n",
 	       level_name(levels[0]), level_name(levels[1]), level_name(levels[2]),

@@ -43,7 +43,9 @@ DRIVER_LABEL = {
     'vhost': 'net_vhost + virtio-user',
     'ring': 'net_ring × 2',
     'zorv1-debug': 'net_zorv1 + virtio-user, DEBUG on',
+    'zorv1-rules': 'net_zorv1 + virtio-user, 1,000 flow rules matching nothing',
 }
+FLOW_RULES = 1000
 _seq = 0
 
 
@@ -412,10 +414,60 @@ def measure_sizes(tp, nports, sizes, warmup, window):
     return res
 
 
-def run_process(driver, queues, sizes, lib, warmup, window, debug=False):
+def flow_rule_commands(n):
+    """n testpmd `flow create` commands on port 0 of five shapes users install
+    (UDP flow from a /24, TCP 5-tuple, VLAN id, UDP source and destination
+    port, IPv4 destination and UDP port), with QUEUE, RSS, DROP, COUNT and
+    MARK. None matches testpmd's own traffic (198.18.0.1 -> 198.18.0.2, UDP
+    port 9, untagged)."""
+    cmds = []
+    for i in range(n):
+        v, shape = divmod(i, 5)
+        head = f'flow create 0 priority {i % 3} ingress pattern eth / '
+        if shape == 0:
+            cmds.append(head + f'ipv4 src spec 198.19.{v % 256}.0 src mask 255.255.255.0 '
+                        f'dst is 192.0.2.1 / udp dst is {5000 + v} / end '
+                        'actions queue index 0 / end')
+        elif shape == 1:
+            cmds.append(head + f'ipv4 src is 198.20.0.{v % 250 + 1} dst is 192.0.2.2 / '
+                        f'tcp src is {30000 + v} dst is 443 / end actions rss / end')
+        elif shape == 2:
+            cmds.append(head + f'vlan vid is {100 + v} / end actions drop / end')
+        elif shape == 3:
+            cmds.append(head + f'ipv4 dst is 192.0.2.3 / udp src is {20000 + v} dst is 53 / '
+                        'end actions count / queue index 0 / end')
+        else:
+            cmds.append(head + f'ipv4 dst is 192.0.2.{4 + v % 200} / udp dst is {6000 + v} / '
+                        f'end actions mark id {i} / queue index 0 / end')
+    return cmds
+
+
+def install_flow_rules(tp, n):
+    """Creates n rules on port 0 through testpmd's `load`; every one must be
+    reported created."""
+    os.makedirs(RUN_DIR, exist_ok=True)
+    path = os.path.join(RUN_DIR, _next_name('rules') + '.txt')
+    with open(path, 'w') as f:
+        f.write('\n'.join(flow_rule_commands(n)) + '\n')
+    try:
+        start = tp.mark()
+        tp.send(f'load {path}')
+        tp.wait_for(r'Flow rule #\d+ created', start, timeout=120.0, count=n)
+        tp.wait_for(r'Read CLI commands from', start, timeout=60.0)
+        text = '\n'.join(tp.text_since(start))
+        created = len(re.findall(r'Flow rule #\d+ created', text))
+        if created != n or re.search(r'(?i)caught error|bad arguments', text):
+            raise BenchError(f'{created} of {n} flow rules created')
+    finally:
+        os.unlink(path)
+
+
+def run_process(driver, queues, sizes, lib, warmup, window, debug=False, rules=0):
     levels = ('pmd.net.zorv1.*:debug',) if debug else ()
     tp, nports, closing, sock = open_pair(driver, queues, lib, quiet=debug, log_levels=levels)
     try:
+        if rules:
+            install_flow_rules(tp, rules)
         return measure_sizes(tp, nports, sizes, warmup, window)
     finally:
         rc = tp.close(closing)
@@ -451,6 +503,19 @@ def run_matrix(args):
                 print(f'throughput: round {r + 1}/{args.rounds} {drv:5s} {q}q '
                       + ' '.join(f'{s}B={res[s]["mpps"]:.2f}' for s in args.sizes)
                       + f' Mpps ({time.monotonic() - t0:.1f} s)', file=sys.stderr)
+        if args.rules:
+            # Once per round after the matrix; compared with the round's plain
+            # net_zorv1 64-byte, 1-queue window.
+            try:
+                res = run_process('zorv1', 1, [64], args.lib, args.warmup, args.window,
+                                  rules=FLOW_RULES)
+                m = res[64]
+                results.append(dict(round=r + 1, driver='zorv1-rules', queues=1, size=64, **m))
+                print(f'throughput: round {r + 1}/{args.rounds} zorv1 + {FLOW_RULES} rules 1q '
+                      f'64B={m["mpps"]:.2f} Mpps', file=sys.stderr)
+            except BenchError as e:
+                failures.append(f'round {r + 1}, zorv1 with rules: {e}')
+                print(f'throughput: FAILED round {r + 1} zorv1 with rules: {e}', file=sys.stderr)
         if args.debug_window > 0:
             try:
                 res = run_process('zorv1', 1, [64], args.lib, args.debug_warmup,
@@ -553,9 +618,28 @@ def markdown(results, failures, elapsed, args):
                   if dcpu else 'n/a | n/a | n/a')
             L.append(f'| {DRIVER_LABEL["zorv1-debug"]} ({args.debug_window:g} s window) | '
                      f'{statistics.median(dbg):.3f} | {min(dbg):.3f} | {max(dbg):.3f} | {cc} | {len(dbg)} |')
+        rules = {x['round']: x for x in results if x['driver'] == 'zorv1-rules'}
+        if rules:
+            rv = [x['mpps'] for x in rules.values()]
+            rc = [x['mpps_cpu'] for x in rules.values() if x.get('mpps_cpu') is not None]
+            cc = (f'{statistics.median(rc):.2f} | {min(rc):.2f} | {max(rc):.2f}'
+                  if rc else 'n/a | n/a | n/a')
+            L.append(f'| {DRIVER_LABEL["zorv1-rules"]} | {statistics.median(rv):.2f} | '
+                     f'{min(rv):.2f} | {max(rv):.2f} | {cc} | {len(rv)} |')
         L.append('')
         L.append(f'- zorv1 / vhost: ratio of medians {fmt_ratio(first["r_vhost"])}, '
                  f'per round {fmt(first["rr_vhost"], 3)}')
+        if rules:
+            plain = {x['round']: x['mpps'] for x in results if x['driver'] == 'zorv1'
+                     and x['queues'] == 1 and x['size'] == 64}
+            pr = [rules[k]['mpps'] / plain[k] for k in rules if k in plain]
+            if pr:
+                L.append(f'- zorv1 with {FLOW_RULES:,} non-matching flow rules / zorv1 without: '
+                         f'per round {statistics.median(pr):.3f} [{min(pr):.3f}–{max(pr):.3f}] '
+                         f'({len(pr)} rounds; the rules are created through testpmd\'s `load`, '
+                         'every one must be reported created: UDP from a /24 -> QUEUE, TCP '
+                         '5-tuple -> RSS, VLAN id -> DROP, UDP ports -> COUNT + QUEUE, IPv4 '
+                         'destination + UDP port -> MARK + QUEUE, priorities 0-2)')
         L.append(f'- zorv1 / ring: ratio of medians {fmt_ratio(first["r_ring"])}, '
                  f'per round {fmt(first["rr_ring"], 4)}')
         L.append(f'- per CPU second of the forwarding core (defined below): zorv1 / vhost ratio of '
@@ -691,6 +775,8 @@ def main():
     ap.add_argument('--window', type=float, default=2.0)
     ap.add_argument('--sizes', default='64,512,1518')
     ap.add_argument('--queues', default='1,2,4')
+    ap.add_argument('--rules', type=int, default=1, choices=(0, 1),
+                    help=f'1: add the row with {FLOW_RULES} non-matching flow rules')
     ap.add_argument('--debug-warmup', type=float, default=0.5)
     ap.add_argument('--debug-window', type=float, default=1.0,
                     help='window of the DEBUG-on row; 0 skips it')

@@ -12,7 +12,8 @@ zorv_core_service_test(test_flow_engine
   services/test_flow_match.cpp
   services/test_flow_actions.cpp
   services/test_flow_mtr.cpp
-  services/test_flow_dispatch.cpp)
+  services/test_flow_dispatch.cpp
+  services/test_flow_tuples.cpp)
 
 # Rule changes on one thread while others classify; run it also in a Tsan
 # build (cmake -DCMAKE_BUILD_TYPE=Tsan).

@@ -381,6 +381,58 @@ TEST_F(RxBurstTest, SetsPortAndClearsVlanTciAndCountsEveryPacket)
 	FreeAll(bufs, 4);
 }
 
+/*
+ * Lengths and destinations that visit every size bin and every class, with
+ * most packets 64 bytes long so that one bin fills fast.
+ */
+std::vector<struct rte_mbuf *> MixedFrames(size_t n)
+{
+	static constexpr uint16_t kLens[] = {20, 63, 64, 65, 127, 128, 255, 256, 511, 512,
+					     1023, 1024, 1522, 1523, 2000};
+	const struct rte_ether_addr *dsts[] = {&zorv_test::kUnicastMac, &zorv_test::kBroadcastMac,
+					       &zorv_test::kMulticastMac, &zorv_test::kUnicastMac,
+					       &zorv_test::kUnicastMac};
+	std::vector<struct rte_mbuf *> v;
+	for (size_t i = 0; i < n; i++)
+		v.push_back(zorv_test::MakeFrame(zorv_test::SharedMbufPool(),
+						 i % 8 != 0 ? 64 : kLens[(i / 8) % RTE_DIM(kLens)],
+						 *dsts[i % RTE_DIM(dsts)]));
+	return v;
+}
+
+/* What counting each packet on its own gives. */
+struct zorv1_vdev_stats CountOneByOne(const std::vector<struct rte_mbuf *> &v)
+{
+	struct zorv1_vdev_stats s = {};
+	for (auto *m : v) {
+		s.bytes += m->pkt_len;
+		zorv1_vdev_update_single_packet_xstats(&s, m);
+		zorv1_vdev_count_xcast_packets(&s, m);
+	}
+	return s;
+}
+
+TEST_F(RxBurstTest, LongMixedBurstCountsAsPacketByPacket)
+{
+	/* More packets than one run of the burst's packed size bins holds. */
+	const auto frames = MixedFrames(700);
+	for (auto *m : frames)
+		f.transport.rx_pending.push_back(m);
+	std::vector<struct rte_mbuf *> bufs(frames.size());
+	ASSERT_EQ(eth_vhost_rx(q.rxq, bufs.data(), (uint16_t)bufs.size()), frames.size());
+	const auto want = CountOneByOne(frames);
+	EXPECT_EQ(q.rxq->stats.pkts, frames.size());
+	EXPECT_EQ(q.rxq->stats.bytes, want.bytes);
+	EXPECT_THAT(q.rxq->stats.xstats, ElementsAreArray(want.xstats));
+	uint64_t sum_bins = 0;
+	for (int i = ZORV1_UNDERSIZE_PKT; i <= ZORV1_1523_TO_MAX_PKT; i++) {
+		EXPECT_GT(q.rxq->stats.xstats[i], 0u) << "bin " << i;
+		sum_bins += q.rxq->stats.xstats[i];
+	}
+	EXPECT_EQ(sum_bins, frames.size());
+	FreeAll(bufs.data(), (uint16_t)bufs.size());
+}
+
 TEST_F(RxBurstTest, VlanStripCountsTaggedFrameWithoutItsTag)
 {
 	q.internal.vlan_strip = 1;
@@ -542,6 +594,29 @@ TEST_F(TxBurstTest, OnlyAcceptedPacketsAreCounted)
 	EXPECT_EQ(s.missed_pkts, 1u);
 	EXPECT_THAT(s.xstats, ElementsAre(0, 1, 0, 1, 0, 0, 0, 0, 1, 1, 0));
 	EXPECT_EQ(bufs[0]->port, 0x1234) << "transmit sets no port";
+}
+
+TEST_F(TxBurstTest, LongMixedBurstCountsAcceptedPacketsAsPacketByPacket)
+{
+	auto frames = MixedFrames(600);
+	/* 16 chunks of 32 and then 8 of the 17th: 520 accepted in all. */
+	size_t left = 520;
+	f.transport.enqueue = [&](struct zorv1_vdev_txq *, struct rte_mbuf **pkts, uint16_t n) {
+		uint16_t take = (uint16_t)std::min<size_t>(n, left);
+		left -= take;
+		std::lock_guard<std::mutex> lk(f.mu);
+		f.transport.sent.insert(f.transport.sent.end(), pkts, pkts + take);
+		return take;
+	};
+	ASSERT_EQ(eth_vhost_tx(q.txq, frames.data(), (uint16_t)frames.size()), 520);
+	const auto want = CountOneByOne({frames.begin(), frames.begin() + 520});
+	EXPECT_EQ(q.txq->stats.pkts, 520u);
+	EXPECT_EQ(q.txq->stats.bytes, want.bytes);
+	EXPECT_EQ(q.txq->stats.missed_pkts, 80u);
+	EXPECT_THAT(q.txq->stats.xstats, ElementsAreArray(want.xstats));
+	EXPECT_EQ(f.transport.enqueues.size(), 17u);
+	FreeAll(frames.data() + 520, 80);
+	f.transport.FreeHeld();
 }
 
 TEST_F(TxBurstTest, FailedVlanInsertFreesThatPacketAndCountsItMissed)

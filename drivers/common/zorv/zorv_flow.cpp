@@ -10,14 +10,18 @@
  * with flush, destroy or the port's close.
  */
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include <ethdev_driver.h>
 #include <rte_flow.h>
 #include <rte_flow_driver.h>
+#include <rte_hash.h>
+#include <rte_hash_crc.h>
 #include <rte_malloc.h>
 
 #include "zorv1_common.h"
@@ -57,6 +61,129 @@ bool rule_before(const struct rte_flow *a, const struct rte_flow *b)
 	return a->seq < b->seq;
 }
 
+/*
+ * The tuple a rule belongs in, written to tp, and its key (the masked
+ * values, nb_words x 8 bytes); false when the rule compares a range or no
+ * field at all, or needs more key words than a tuple holds.
+ */
+bool rule_tuple(const struct rule_def *def, struct tuple *tp, uint64_t *key)
+{
+	*tp = tuple{};
+	for (unsigned i = 0; i < def->nb_items; i++) {
+		const struct item &it = def->items[i];
+		if (it.nb_ranges != 0 || tp->nb_words + it.nb_words > KEY_WORDS_MAX)
+			return false;
+		tp->conds[tp->nb_conds++] = {it.layer, it.kind, it.prop_mask, it.prop_val};
+		tp->sig_mask |= sig_kind(it.layer, 0xf) | sig_props(it.layer, it.prop_mask);
+		tp->sig_val |= sig_kind(it.layer, it.kind) | sig_props(it.layer, it.prop_val);
+		for (unsigned w = 0; w < it.nb_words; w++) {
+			tp->words[tp->nb_words] = {it.layer, it.words[w].off, it.words[w].size,
+						   it.words[w].mask};
+			key[tp->nb_words++] = it.words[w].val;
+		}
+	}
+	/* Key lengths of 16-byte multiples have rte_hash's vector compares. */
+	tp->key_words = static_cast<uint8_t>((tp->nb_words + 1u) & ~1u);
+	return tp->nb_words != 0;
+}
+
+bool same_tuple(const struct tuple &a, const struct tuple &b)
+{
+	if (a.nb_conds != b.nb_conds || a.nb_words != b.nb_words)
+		return false;
+	for (unsigned i = 0; i < a.nb_conds; i++)
+		if (a.conds[i].layer != b.conds[i].layer || a.conds[i].kind != b.conds[i].kind ||
+		    a.conds[i].prop_mask != b.conds[i].prop_mask ||
+		    a.conds[i].prop_val != b.conds[i].prop_val)
+			return false;
+	for (unsigned i = 0; i < a.nb_words; i++)
+		if (a.words[i].layer != b.words[i].layer || a.words[i].off != b.words[i].off ||
+		    a.words[i].size != b.words[i].size || a.words[i].mask != b.words[i].mask)
+			return false;
+	return true;
+}
+
+/* Tuples with at most this many rules are scanned rather than looked up. */
+constexpr uint32_t SCAN_MAX = 4;
+constexpr uint32_t NO_TUPLE = UINT32_MAX;
+
+/* Per-rule scratch of a build: its tuple and key. */
+struct rule_key {
+	uint32_t k;     /* index in table.rules */
+	uint32_t tuple; /* index in table.tuples */
+	uint64_t key[KEY_WORDS_MAX];
+};
+
+/*
+ * Sort the rules of the tuples into their exact-match tables: rules with the
+ * same key share one candidate list. -ENOMEM when a table cannot be made.
+ */
+int build_tuples(struct zorv_flow_ctx *ctx, struct table *t, struct rule_key *rk, uint32_t nrk)
+{
+	static std::atomic<uint32_t> serial;
+	std::sort(rk, rk + nrk, [](const rule_key &a, const rule_key &b) {
+		if (a.tuple != b.tuple)
+			return a.tuple < b.tuple;
+		int c = memcmp(a.key, b.key, sizeof(a.key));
+		return c != 0 ? c < 0 : a.k < b.k;
+	});
+	uint32_t pos = 0;
+	for (uint32_t i = 0; i < nrk;) {
+		struct tuple &tp = t->tuples[rk[i].tuple];
+		uint32_t end = i;
+		while (end < nrk && rk[end].tuple == rk[i].tuple)
+			end++;
+		char name[RTE_HASH_NAMESIZE];
+		snprintf(name, sizeof(name), "zflow_%u", serial.fetch_add(1));
+		struct rte_hash_parameters hp = {};
+		hp.name = name;
+		hp.entries = std::max<uint32_t>(end - i, 8);
+		hp.key_len = tp.key_words * 8u;
+		hp.hash_func = rte_hash_crc;
+		hp.socket_id = ctx->socket;
+		tp.h = rte_hash_create(&hp);
+		if (tp.h == nullptr)
+			return -ENOMEM;
+		/* About 16 filter bits per key: few false passes with two bits each. */
+		const uint32_t bits = rte_align32pow2(std::max<uint32_t>((end - i) * 16, 512));
+		tp.filter = static_cast<uint64_t *>(
+			rte_zmalloc_socket("zorv_flow_filter", bits / 8, RTE_CACHE_LINE_SIZE, ctx->socket));
+		if (tp.filter == nullptr)
+			return -ENOMEM;
+		tp.filter_mask = bits - 1;
+		while (i < end) {
+			uint32_t same = i + 1;
+			while (same < end && memcmp(rk[same].key, rk[i].key, sizeof(rk[i].key)) == 0)
+				same++;
+			uint32_t *list = &t->cands[pos];
+			list[0] = same - i;
+			for (uint32_t j = i; j < same; j++)
+				list[1 + j - i] = rk[j].k;
+			pos += 1 + same - i;
+			if (rte_hash_add_key_data(tp.h, rk[i].key, list) < 0)
+				return -ENOMEM;
+			filter_set(&tp, rte_hash_crc(rk[i].key, hp.key_len, 0));
+			i = same;
+		}
+	}
+	return 0;
+}
+
+} // namespace
+
+void free_table(const struct table *t)
+{
+	if (t == nullptr)
+		return;
+	for (uint32_t i = 0; i < t->nb_tuples; i++) {
+		rte_hash_free(t->tuples[i].h);
+		rte_free(t->tuples[i].filter);
+	}
+	rte_free(const_cast<struct table *>(t));
+}
+
+namespace {
+
 /* Build the table of every rule on ctx->rules; NULL (and 0) when there is none. */
 int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 {
@@ -65,13 +192,24 @@ int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 	if (n == 0)
 		return 0;
 
-	/* Groups: at most one per rule. */
+	/* Groups and tuples: at most one per rule; candidate lists: 2 words per rule. */
 	size_t size = RTE_ALIGN_CEIL(sizeof(struct table), 8) + sizeof(struct group) * n +
 		      sizeof(struct rte_flow *) * n + sizeof(int32_t) * n;
+	size = RTE_ALIGN_CEIL(size, 8) + sizeof(struct tuple) * n + sizeof(uint32_t) * n +
+	       sizeof(uint32_t) * 2 * n;
+	/* Not zeroed: every part is written below before it is read. */
 	auto *mem = static_cast<uint8_t *>(
-		rte_zmalloc_socket("zorv_flow_table", size, RTE_CACHE_LINE_SIZE, ctx->socket));
+		rte_malloc_socket("zorv_flow_table", size, RTE_CACHE_LINE_SIZE, ctx->socket));
 	if (mem == nullptr)
 		return -ENOMEM;
+	/* Scratch of the build: each rule's key, and the rules per tuple. */
+	auto *rk = static_cast<struct rule_key *>(rte_malloc_socket(
+		"zorv_flow_keys", (sizeof(struct rule_key) + sizeof(uint32_t)) * n, 0, ctx->socket));
+	if (rk == nullptr) {
+		rte_free(mem);
+		return -ENOMEM;
+	}
+	auto *tcount = reinterpret_cast<uint32_t *>(rk + n);
 	auto *t = new (mem) table{};
 	uint8_t *p = mem + RTE_ALIGN_CEIL(sizeof(struct table), 8);
 	t->groups = reinterpret_cast<struct group *>(p);
@@ -79,6 +217,13 @@ int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 	t->rules = reinterpret_cast<struct rte_flow **>(p);
 	p += sizeof(struct rte_flow *) * n;
 	t->jump = reinterpret_cast<int32_t *>(p);
+	p += sizeof(int32_t) * n;
+	p = mem + RTE_ALIGN_CEIL(static_cast<size_t>(p - mem), 8);
+	t->tuples = reinterpret_cast<struct tuple *>(p);
+	p += sizeof(struct tuple) * n;
+	t->rest = reinterpret_cast<uint32_t *>(p);
+	p += sizeof(uint32_t) * n;
+	t->cands = reinterpret_cast<uint32_t *>(p);
 
 	uint32_t i = 0;
 	struct rte_flow *r;
@@ -96,7 +241,7 @@ int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 		if (t->nb_groups == 0 || t->groups[t->nb_groups - 1].id != gid) {
 			if (gid == 0)
 				t->group0 = static_cast<int32_t>(t->nb_groups);
-			t->groups[t->nb_groups++] = group{gid, i, 0};
+			t->groups[t->nb_groups++] = group{gid, i, 0, 0, 0, 0, 0};
 		}
 		t->groups[t->nb_groups - 1].count++;
 	}
@@ -109,6 +254,67 @@ int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 			if (t->groups[g].id == a.jump_group)
 				t->jump[i] = static_cast<int32_t>(g);
 	}
+
+	/*
+	 * Tuples of each group, and the rules that stay to be scanned: those no
+	 * tuple can hold and those of tuples too small to be worth a lookup.
+	 */
+	uint32_t nrk = 0, nrest = 0;
+	for (uint32_t g = 0; g < t->nb_groups; g++) {
+		struct group &gr = t->groups[g];
+		const uint32_t first_rk = nrk;
+		gr.first_tuple = t->nb_tuples;
+		gr.first_rest = nrest;
+		for (uint32_t k = gr.first; k < gr.first + gr.count; k++) {
+			struct tuple tp;
+			struct rule_key &e = rk[nrk++];
+			memset(e.key, 0, sizeof(e.key));
+			e.k = k;
+			e.tuple = NO_TUPLE;
+			if (!rule_tuple(&t->rules[k]->def, &tp, e.key))
+				continue;
+			uint32_t ti = gr.first_tuple;
+			while (ti < t->nb_tuples && !same_tuple(t->tuples[ti], tp))
+				ti++;
+			if (ti == t->nb_tuples) {
+				t->tuples[t->nb_tuples++] = tp;
+				tcount[ti] = 0;
+			}
+			tcount[ti]++;
+			e.tuple = ti;
+		}
+		/* Keep the tuples with more than SCAN_MAX rules; tcount becomes the new index. */
+		uint32_t w = gr.first_tuple;
+		for (uint32_t ti = gr.first_tuple; ti < t->nb_tuples; ti++) {
+			if (tcount[ti] <= SCAN_MAX) {
+				tcount[ti] = NO_TUPLE;
+				continue;
+			}
+			t->tuples[w] = t->tuples[ti];
+			tcount[ti] = w++;
+		}
+		t->nb_tuples = w;
+		uint32_t kept = first_rk;
+		for (uint32_t j = first_rk; j < nrk; j++) {
+			const uint32_t nt = rk[j].tuple == NO_TUPLE ? NO_TUPLE : tcount[rk[j].tuple];
+			if (nt == NO_TUPLE) {
+				t->rest[nrest++] = rk[j].k;
+				continue;
+			}
+			rk[j].tuple = nt;
+			rk[kept++] = rk[j];
+		}
+		nrk = kept;
+		gr.nb_tuples = t->nb_tuples - gr.first_tuple;
+		gr.nb_rest = nrest - gr.first_rest;
+	}
+	int ret = build_tuples(ctx, t, rk, nrk);
+	rte_free(rk);
+	if (ret < 0) {
+		free_table(t);
+		return ret;
+	}
+
 	t->nb_vxlan = ctx->nb_vxlan_ports;
 	for (i = 0; i < ctx->nb_vxlan_ports; i++)
 		t->vxlan_ports[i] = rte_cpu_to_be_16(ctx->vxlan_ports[i]);
@@ -126,7 +332,7 @@ void publish(struct zorv_flow_ctx *ctx, struct table *t)
 	else
 		__atomic_fetch_and(&ctx->priv->flags, ~ZORV_FLOW_F_RULES, __ATOMIC_RELEASE);
 	sync_readers(ctx);
-	rte_free(const_cast<struct table *>(old));
+	free_table(old);
 }
 
 /* Rebuild from ctx->rules and publish; -ENOMEM leaves the current table. */

@@ -5,7 +5,11 @@
  * Ethernet, up to two VLAN tags, IPv4 or IPv6 (with its extension headers
  * walked), UDP or TCP, and, when the UDP destination port is an announced
  * VXLAN port, the VXLAN header and the same positions of the inner frame.
- * The rules of group 0 are tried in priority order (then creation order);
+ * The rules of group 0 are tried in priority order (then creation order),
+ * but only those that can match: each group's rules are sorted into tuples
+ * (same fields, same masks) with one exact-match table (rte_hash) each, so a
+ * frame costs one lookup per tuple of the group rather than one compare per
+ * rule; rules with ranges are always tried;
  * the first matching rule that terminates decides. PASSTHRU rules apply
  * their MARK, FLAG, COUNT and METER and let the next rules run; JUMP goes on
  * with the target group (always a higher one, so walks end). A frame that
@@ -25,6 +29,8 @@
 #include <ethdev_driver.h>
 #include <rte_byteorder.h>
 #include <rte_cycles.h>
+#include <rte_hash.h>
+#include <rte_hash_crc.h>
 #include <rte_mbuf.h>
 #include <rte_pause.h>
 #include <rte_ring.h>
@@ -44,6 +50,7 @@ struct frame {
 	uint8_t kind[L_MAX];
 	uint16_t off[L_MAX];
 	uint16_t props[2]; /* enum prop, outer and inner frame */
+	uint64_t sig;      /* kinds and properties in one word (zorv_flow_internal.h) */
 };
 
 inline uint16_t be16_at(const uint8_t *p)
@@ -184,9 +191,14 @@ void parse_frame(struct rte_mbuf *m, const struct table *t, struct frame *f, uin
 	f->props[0] = f->props[1] = 0;
 	f->len = std::min<uint32_t>(rte_pktmbuf_pkt_len(m), PARSE_WINDOW);
 	f->d = static_cast<const uint8_t *>(rte_pktmbuf_read(m, 0, f->len, buf));
+	f->sig = 0;
 	if (f->d == nullptr)
 		return;
 	parse_level(f, t, 0, 0);
+	uint64_t sig = sig_props(L_ETH, f->props[0]) | sig_props(L_IETH, f->props[1]);
+	for (unsigned l = 0; l < L_MAX; l++)
+		sig |= sig_kind(l, f->kind[l]);
+	f->sig = sig;
 }
 
 bool match_item(const struct frame *f, const struct item *it)
@@ -224,6 +236,158 @@ bool match_rule(const struct frame *f, const struct rule_def *def)
 		if (!match_item(f, &def->items[i]))
 			return false;
 	return true;
+}
+
+/*
+ * Whether the frame has the protocols and properties the tuple asks for.
+ * Rules are still checked one by one afterwards, so a tuple whose items ask
+ * for contradicting properties may let a frame through here.
+ */
+inline bool tuple_applies(const struct tuple &tp, const struct frame *f)
+{
+	return (f->sig & tp.sig_mask) == tp.sig_val;
+}
+
+/* The frame's masked fields as the tuple's key (padding words zero). */
+inline void tuple_key(const struct tuple *tp, const struct frame *f, uint64_t *key)
+{
+	for (unsigned w = 0; w < tp->nb_words; w++) {
+		const struct tuple_word &tw = tp->words[w];
+		const uint8_t *h = f->d + f->off[tw.layer] + tw.off;
+		uint64_t v = 0;
+		if (tw.size == 8)
+			memcpy(&v, h, 8);
+		else
+			memcpy(&v, h, 4);
+		key[w] = v & tw.mask;
+	}
+	for (unsigned w = tp->nb_words; w < tp->key_words; w++)
+		key[w] = 0;
+}
+
+/* Several ascending lists one after the other: put them in rule order. */
+inline void sort_cands(uint32_t *cands, unsigned nc)
+{
+	for (unsigned i = 1; i < nc; i++) {
+		uint32_t v = cands[i];
+		unsigned j = i;
+		for (; j > 0 && cands[j - 1] > v; j--)
+			cands[j] = cands[j - 1];
+		cands[j] = v;
+	}
+}
+
+/*
+ * The rules of group g that can match the frame, ascending, into cands: for
+ * each tuple whose protocols and properties the frame has, the candidate
+ * list stored under the frame's masked fields, and the rules outside the
+ * tuples. Returns their number, or -1 when more than CANDS_MAX (the caller
+ * then tries every rule of the group). Every rule that matches the frame is
+ * among them; the caller still checks each one.
+ */
+int group_candidates(const struct table *t, const struct group &g, const struct frame *f,
+		     uint32_t *cands)
+{
+	unsigned nc = 0;
+	unsigned lists = 0;
+
+	for (uint32_t ti = g.first_tuple; ti < g.first_tuple + g.nb_tuples; ti++) {
+		const struct tuple &tp = t->tuples[ti];
+		if (!tuple_applies(tp, f))
+			continue;
+		uint64_t key[KEY_WORDS_MAX];
+		tuple_key(&tp, f, key);
+		const uint32_t hash = rte_hash_crc(key, tp.key_words * 8u, 0);
+		void *data;
+		if (!filter_test(tp, hash) || rte_hash_lookup_with_hash_data(tp.h, key, hash, &data) < 0)
+			continue;
+		const auto *list = static_cast<const uint32_t *>(data);
+		if (nc + list[0] > CANDS_MAX)
+			return -1;
+		memcpy(&cands[nc], &list[1], sizeof(uint32_t) * list[0]);
+		nc += list[0];
+		lists++;
+	}
+	if (g.nb_rest != 0) {
+		if (nc + g.nb_rest > CANDS_MAX)
+			return -1;
+		memcpy(&cands[nc], &t->rest[g.first_rest], sizeof(uint32_t) * g.nb_rest);
+		nc += g.nb_rest;
+		lists++;
+	}
+	if (lists > 1)
+		sort_cands(cands, nc);
+	return static_cast<int>(nc);
+}
+
+/* Frames classified together: the first group's lookups go in bulk. */
+constexpr unsigned SUB_BURST = 32;
+static_assert(SUB_BURST <= RTE_HASH_LOOKUP_BULK_MAX);
+
+/*
+ * group_candidates() for cnt frames at once, one bulk lookup per tuple:
+ * ncand[i] is the number of frame i's candidates in cands[i], or -1.
+ */
+void group_candidates_bulk(const struct table *t, const struct group &g, const struct frame *fr,
+			   unsigned cnt, int *ncand, uint32_t (*cands)[CANDS_MAX])
+{
+	uint8_t lists[SUB_BURST] = {};
+	uint64_t keys[SUB_BURST][KEY_WORDS_MAX];
+	const void *kp[SUB_BURST];
+	hash_sig_t sigs[SUB_BURST];
+	void *data[SUB_BURST];
+	uint8_t idx[SUB_BURST];
+
+	for (unsigned i = 0; i < cnt; i++)
+		ncand[i] = 0;
+	for (uint32_t ti = g.first_tuple; ti < g.first_tuple + g.nb_tuples; ti++) {
+		const struct tuple &tp = t->tuples[ti];
+		unsigned m = 0;
+		for (unsigned i = 0; i < cnt; i++) {
+			if (fr[i].d == nullptr || ncand[i] < 0 || !tuple_applies(tp, &fr[i]))
+				continue;
+			tuple_key(&tp, &fr[i], keys[m]);
+			const uint32_t hash = rte_hash_crc(keys[m], tp.key_words * 8u, 0);
+			if (!filter_test(tp, hash))
+				continue;
+			sigs[m] = hash;
+			kp[m] = keys[m];
+			idx[m++] = static_cast<uint8_t>(i);
+		}
+		if (m == 0)
+			continue;
+		uint64_t hits = 0;
+		if (rte_hash_lookup_with_hash_bulk_data(tp.h, kp, sigs, m, &hits, data) <= 0)
+			continue;
+		while (hits != 0) {
+			unsigned j = static_cast<unsigned>(__builtin_ctzll(hits));
+			hits &= hits - 1;
+			const unsigned i = idx[j];
+			const auto *list = static_cast<const uint32_t *>(data[j]);
+			if (static_cast<unsigned>(ncand[i]) + list[0] > CANDS_MAX) {
+				ncand[i] = -1;
+				continue;
+			}
+			memcpy(&cands[i][ncand[i]], &list[1], sizeof(uint32_t) * list[0]);
+			ncand[i] += static_cast<int>(list[0]);
+			lists[i]++;
+		}
+	}
+	for (unsigned i = 0; i < cnt; i++) {
+		if (ncand[i] < 0)
+			continue;
+		if (g.nb_rest != 0) {
+			if (static_cast<unsigned>(ncand[i]) + g.nb_rest > CANDS_MAX) {
+				ncand[i] = -1;
+				continue;
+			}
+			memcpy(&cands[i][ncand[i]], &t->rest[g.first_rest], sizeof(uint32_t) * g.nb_rest);
+			ncand[i] += static_cast<int>(g.nb_rest);
+			lists[i]++;
+		}
+		if (lists[i] > 1)
+			sort_cands(cands[i], static_cast<unsigned>(ncand[i]));
+	}
 }
 
 constexpr uint64_t RSS_V4_ANY = RTE_ETH_RSS_IPV4 | RTE_ETH_RSS_FRAG_IPV4 |
@@ -283,6 +447,36 @@ uint32_t rss_hash(const struct frame *f, const struct actions *a)
 	return rte_softrss(w, len, a->rss_key);
 }
 
+/*
+ * COUNT of one burst: consecutive hits of the same rule are added to its
+ * counters once, rather than with two atomic additions per frame.
+ */
+struct pending_counts {
+	struct rte_flow *rule = nullptr;
+	uint64_t hits = 0;
+	uint64_t bytes = 0;
+
+	void add(struct rte_flow *r, uint32_t len)
+	{
+		if (r != rule) {
+			flush();
+			rule = r;
+		}
+		hits++;
+		bytes += len;
+	}
+
+	void flush()
+	{
+		if (hits != 0) {
+			rule->hits.fetch_add(hits, std::memory_order_relaxed);
+			rule->bytes.fetch_add(bytes, std::memory_order_relaxed);
+		}
+		rule = nullptr;
+		hits = bytes = 0;
+	}
+};
+
 } // namespace
 
 int meter_frame(struct meter *m, uint32_t len, uint64_t now)
@@ -337,11 +531,23 @@ uint16_t classify_at(struct zorv_flow_ctx *ctx, uint16_t nb_rx_queues, struct rt
 	}
 
 	uint64_t dropped = 0;
-	uint8_t buf[PARSE_WINDOW];
+	struct pending_counts counts;
+	struct frame fr[SUB_BURST];
+	uint8_t buf[SUB_BURST][PARSE_WINDOW];
+	int ncand0[SUB_BURST];
+	uint32_t cands0[SUB_BURST][CANDS_MAX];
+	const struct group &g0 = t->groups[t->group0];
 	for (uint16_t i = 0; i < n; i++) {
+		const unsigned sub = i % SUB_BURST;
+		if (sub == 0) {
+			/* Parse the next frames, then look them up in the first group at once. */
+			const unsigned cnt = std::min<unsigned>(SUB_BURST, n - i);
+			for (unsigned j = 0; j < cnt; j++)
+				parse_frame(pkts[i + j], t, &fr[j], buf[j]);
+			group_candidates_bulk(t, g0, fr, cnt, ncand0, cands0);
+		}
 		struct rte_mbuf *m = pkts[i];
-		struct frame f;
-		parse_frame(m, t, &f, buf);
+		const struct frame &f = fr[sub];
 		if (f.d == nullptr)
 			continue;
 		const uint32_t len = rte_pktmbuf_pkt_len(m);
@@ -354,14 +560,24 @@ uint16_t classify_at(struct zorv_flow_ctx *ctx, uint16_t nb_rx_queues, struct rt
 			const struct group &g = t->groups[gi];
 			int32_t next = -1;
 			bool done = false;
-			for (uint32_t k = g.first; k < g.first + g.count && !done; k++) {
+			uint32_t cands[CANDS_MAX];
+			const uint32_t *cl = cands;
+			int nc;
+			if (gi == t->group0) {
+				nc = ncand0[sub];
+				cl = cands0[sub];
+			} else {
+				nc = group_candidates(t, g, &f, cands);
+			}
+			const uint32_t ntry = nc < 0 ? g.count : static_cast<uint32_t>(nc);
+			for (uint32_t ci = 0; ci < ntry && !done; ci++) {
+				const uint32_t k = nc < 0 ? g.first + ci : cl[ci];
 				struct rte_flow *r = t->rules[k];
 				const struct actions &a = r->def.act;
 				if (!match_rule(&f, &r->def))
 					continue;
 				if (a.count && !a.count_after_meter) {
-					r->hits.fetch_add(1, std::memory_order_relaxed);
-					r->bytes.fetch_add(len, std::memory_order_relaxed);
+					counts.add(r, len);
 				}
 				if (a.meter != nullptr && meter_frame(a.meter, len, now) < 0) {
 					verdict = ZORV_FLOW_VERDICT_DROP;
@@ -369,8 +585,7 @@ uint16_t classify_at(struct zorv_flow_ctx *ctx, uint16_t nb_rx_queues, struct rt
 					break;
 				}
 				if (a.count && a.count_after_meter) {
-					r->hits.fetch_add(1, std::memory_order_relaxed);
-					r->bytes.fetch_add(len, std::memory_order_relaxed);
+					counts.add(r, len);
 				}
 				if (a.mark) {
 					mark = true;
@@ -425,6 +640,8 @@ uint16_t classify_at(struct zorv_flow_ctx *ctx, uint16_t nb_rx_queues, struct rt
 		verdicts[i] = verdict;
 		moved += verdict != this_queue;
 	}
+	/* While the table, and so the rule, is still ours. */
+	counts.flush();
 	rd.seq.store(seq + 2, std::memory_order_release);
 
 	ctx->st_classified.fetch_add(n, std::memory_order_relaxed);

@@ -235,11 +235,101 @@ struct meter {
 	struct rte_mtr_stats stats;
 };
 
-/* A group of the table: rules[first .. first + count), best priority first. */
+/* Key words one tuple can hold (8 bytes each); wider rules are scanned. */
+constexpr unsigned KEY_WORDS_MAX = 8;
+/* Candidate rules a frame collects in one group; beyond, the group is scanned. */
+constexpr unsigned CANDS_MAX = 32;
+
+/*
+ * A tuple of a group: the rules whose patterns look at the same header
+ * fields with the same masks (and ask for the same protocols and frame
+ * properties) and compare no range. They differ only in the values, so one
+ * exact-match table finds, for a frame, the only rules of the tuple that can
+ * match it: those whose values equal the frame's masked fields.
+ */
+struct tuple_cond {
+	uint8_t layer;      /* enum layer */
+	uint8_t kind;       /* enum kind the layer must hold */
+	uint16_t prop_mask; /* enum prop bits looked at, prop_val their values */
+	uint16_t prop_val;
+};
+
+struct tuple_word {
+	uint8_t layer; /* enum layer */
+	uint8_t off;   /* offset in the header */
+	uint8_t size;  /* bytes read: 8, or 4 */
+	uint64_t mask;
+};
+
+/*
+ * What a frame holds, in one word: the kind found at each layer (4 bits
+ * each) and the frame properties of the outer and inner frame (8 bits
+ * each). A tuple applies to a frame when (sig & sig_mask) == sig_val.
+ */
+constexpr unsigned SIG_PROPS_SHIFT = 4 * L_MAX;
+static_assert(SIG_PROPS_SHIFT + 16 <= 64 && K_VXLAN < 16, "a frame's signature fits a word");
+
+inline uint64_t sig_kind(unsigned layer, uint64_t kind)
+{
+	return kind << (4 * layer);
+}
+
+inline uint64_t sig_props(unsigned layer, uint64_t props)
+{
+	return (props & 0xff) << (SIG_PROPS_SHIFT + (layer >= L_IETH ? 8 : 0));
+}
+
+struct tuple {
+	uint64_t sig_mask; /* the frame signature bits the tuple looks at */
+	uint64_t sig_val;  /* and their values */
+	uint8_t nb_conds;
+	uint8_t nb_words;
+	uint8_t key_words; /* nb_words rounded up to even: keys of 16, 32, 48 or 64 bytes */
+	struct tuple_cond conds[ITEMS_MAX];
+	struct tuple_word words[KEY_WORDS_MAX];
+	/*
+	 * Masked values (nb_words x 8 bytes) -> candidate list: the number of
+	 * rules, then their indexes in table.rules, ascending.
+	 */
+	struct rte_hash *h;
+	/*
+	 * Two bits per key, chosen by the key's hash, set for every key of the
+	 * table: a frame whose bits are not both set has no entry, and most
+	 * frames that match no rule are turned away without a table lookup.
+	 */
+	uint64_t *filter;
+	uint32_t filter_mask; /* bits in filter - 1 (a power of two - 1) */
+};
+
+/* The filter's two bits of a hash. */
+inline bool filter_test(const struct tuple &tp, uint32_t hash)
+{
+	const uint32_t b1 = hash & tp.filter_mask;
+	const uint32_t b2 = ((hash >> 16) | (hash << 16)) * 0x9e3779b1u >> 7 & tp.filter_mask;
+	return (tp.filter[b1 / 64] >> (b1 % 64) & 1) != 0 && (tp.filter[b2 / 64] >> (b2 % 64) & 1) != 0;
+}
+
+inline void filter_set(struct tuple *tp, uint32_t hash)
+{
+	const uint32_t b1 = hash & tp->filter_mask;
+	const uint32_t b2 = ((hash >> 16) | (hash << 16)) * 0x9e3779b1u >> 7 & tp->filter_mask;
+	tp->filter[b1 / 64] |= 1ULL << (b1 % 64);
+	tp->filter[b2 / 64] |= 1ULL << (b2 % 64);
+}
+
+/*
+ * A group of the table: rules[first .. first + count), best priority first;
+ * its tuples tuples[first_tuple ..] and the rules no tuple holds (ranges,
+ * no compared field), rest[first_rest ..], ascending.
+ */
 struct group {
 	uint32_t id;
 	uint32_t first;
 	uint32_t count;
+	uint32_t first_tuple;
+	uint32_t nb_tuples;
+	uint32_t first_rest;
+	uint32_t nb_rest;
 };
 
 /* Immutable rule table, read by the data path. One allocation. */
@@ -253,6 +343,10 @@ struct table {
 	struct group *groups;     /* nb_groups, sorted by id */
 	struct rte_flow **rules;  /* nb_rules, by group, priority, creation */
 	int32_t *jump;            /* per rule: index of the JUMP target group, or -1 */
+	uint32_t nb_tuples;
+	struct tuple *tuples;     /* nb_tuples, by group */
+	uint32_t *rest;           /* per group, the rules outside its tuples */
+	uint32_t *cands;          /* the tuples' candidate lists */
 };
 
 /* Reader slot of one receive queue: odd while a burst uses the table. */
@@ -326,6 +420,9 @@ struct meter *meter_find(struct zorv_flow_ctx *ctx, uint32_t id);
 
 /* Free every meter, profile and policy (no rule left; ctx->lock held). */
 void mtr_free_all(struct zorv_flow_ctx *ctx);
+
+/* Free a table and its tuples' hash tables (no reader may still use it). */
+void free_table(const struct table *t);
 
 /* Wait until no queue still classifies with a table published before. */
 void sync_readers(struct zorv_flow_ctx *ctx);

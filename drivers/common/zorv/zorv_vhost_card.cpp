@@ -15,12 +15,14 @@
  * card never holds its own mutex while it calls the port or the vhost
  * library.
  */
+#include <dirent.h>
 #include <errno.h>
 #include <inttypes.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -797,6 +799,91 @@ uint16_t mtu_filter(struct rte_mbuf **pkts, uint16_t n, uint32_t mtu, uint16_t v
 	return kept;
 }
 
+/* ---- Peers that stall ---- */
+
+/*
+ * The vhost library serves every socket of the process from one event
+ * thread, with blocking reads and writes on each connection, and its
+ * unregister waits for that thread to leave a callback of the socket's
+ * connections. A peer that sends a header and holds back the payload, or
+ * never reads the replies to its requests, would hold that thread (every
+ * other socket's peers, and the close of its port) for as long as it likes.
+ * Each accepted connection's socket therefore gets receive and send
+ * timeouts: a message that does not arrive whole, or a reply that cannot be
+ * sent, within PEER_STALL_MS fails, and the library drops a peer whose
+ * message failed (a reply that failed is dropped instead).
+ */
+constexpr long PEER_STALL_MS = 50;
+
+/* True for a connected (not listening) unix socket whose own address is path. */
+bool accepted_on(int fd, const char *path)
+{
+	struct stat st;
+	if (fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode))
+		return false;
+	struct sockaddr_un un = {};
+	socklen_t len = sizeof(un);
+	if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&un), &len) != 0 ||
+	    un.sun_family != AF_UNIX || len <= offsetof(struct sockaddr_un, sun_path))
+		return false;
+	size_t plen = len - offsetof(struct sockaddr_un, sun_path);
+	if (strnlen(un.sun_path, plen) != strlen(path) || strncmp(un.sun_path, path, plen) != 0)
+		return false;
+	int listening = 0;
+	socklen_t olen = sizeof(listening);
+	return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &olen) == 0 && listening == 0;
+}
+
+/* What is done to the connections accepted on a socket path. */
+enum class peer_io { BOUND, CUT };
+
+/*
+ * Act on every connection accepted on path: BOUND gives it the stall
+ * timeouts (from the library's new-connection callback, which runs on the
+ * event thread between accept() and the moment the library starts reading
+ * the socket; connections accepted earlier have them already and setting
+ * them again changes nothing); CUT shuts it down, which wakes the event
+ * thread out of any read or write on it and makes the library drop it.
+ * Returns the number of connections found, or negative errno.
+ */
+int for_each_accepted(const char *path, peer_io what)
+{
+	DIR *dir = opendir("/proc/self/fd");
+	if (dir == nullptr)
+		return -errno;
+	const struct timeval tv = {.tv_sec = 0, .tv_usec = PEER_STALL_MS * 1000};
+	int found = 0;
+	for (struct dirent *e = readdir(dir); e != nullptr; e = readdir(dir)) {
+		char *end = nullptr;
+		long n = strtol(e->d_name, &end, 10);
+		if (end == e->d_name || *end != '\0' || n < 0 || n == dirfd(dir))
+			continue;
+		int fd = static_cast<int>(n);
+		if (!accepted_on(fd, path))
+			continue;
+		found++;
+		if (what == peer_io::CUT) {
+			shutdown(fd, SHUT_RDWR);
+			continue;
+		}
+		if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0 ||
+		    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0)
+			ZORV1_VDEV_LOG(WARNING, "cannot bound the peer's stalls on %s (fd %d): %s\n",
+				       path, fd, strerror(errno));
+	}
+	closedir(dir);
+	return found;
+}
+
+/* True while the interface of slot is being unregistered (or is gone). */
+bool iface_closing(int slot)
+{
+	if (slot < 0 || slot >= static_cast<int>(ifaces.size()))
+		return true;
+	card_lock lock;
+	return !ifaces[slot].used || ifaces[slot].closing;
+}
+
 /* ---- vhost callbacks ---- */
 
 int card_new_connection(int dev)
@@ -806,6 +893,9 @@ int card_new_connection(int dev)
 		d->vring_on.fill(0);
 		d->conn = -1;
 	}
+	char path[PATH_MAX] = "";
+	if (rte_vhost_get_ifname(dev, path, sizeof(path)) == 0 && for_each_accepted(path, peer_io::BOUND) <= 0)
+		ZORV1_VDEV_LOG(WARNING, "vhost device %d: its socket on %s was not found\n", dev, path);
 	return 0;
 }
 
@@ -960,8 +1050,13 @@ void card_destroy_device(int dev)
 	}
 	int vid = devs[dev].conn;
 
-	if (t_unregistering != 0) {
-		/* The port is being closed: stopped, its gates drained. */
+	if (t_unregistering != 0 || iface_closing(c->slot)) {
+		/*
+		 * The port is being closed: stopped, its gates drained. When the
+		 * close cut the peer off, the library drops it on the event
+		 * thread while the closing thread holds the device manager's
+		 * mutex and waits for this callback: the port is not called.
+		 */
 		zorv1_dev_sfi_unmap_port(c->sfi);
 		ZORV1_VDEV_LOG(INFO, "vid %d dropped with its interface\n", vid);
 	} else {
@@ -1388,6 +1483,14 @@ int zorv1_dpu_vdev_protocol_unregister(char *iface)
 		ifaces[slot].closing = true;
 		memcpy(path, ifaces[slot].path, sizeof(path));
 	}
+
+	/*
+	 * Cut the peers off first: the library's unregister waits for the
+	 * event thread to leave any callback on this socket's connections,
+	 * and a peer may keep it there (a message it never finishes, replies
+	 * it never reads); shut down, they fail at once.
+	 */
+	for_each_accepted(path, peer_io::CUT);
 
 	/* A live connection is destroyed in here, through card_destroy_device. */
 	t_unregistering++;

@@ -48,7 +48,20 @@
  * close, after the port was stopped (its queuing gates closed and drained)
  * and with the device manager's mutex held. A connection still live then is
  * dropped by the card alone, without the port's connection entry points
- * (which take that mutex); the port is going away with it.
+ * (which take that mutex); the port is going away with it. Before it
+ * unregisters, the card shuts down every connection accepted on the
+ * interface's socket, so that no peer can keep the vhost library's event
+ * thread (which the library's unregister waits for) inside one of its
+ * messages; a connection the library drops on the event thread from then on
+ * is dropped by the card alone too.
+ *
+ * Peers that stall: the vhost library serves every socket of the process
+ * from one event thread with blocking reads and writes. Each accepted
+ * connection gets a receive and a send timeout of 50 ms (set from the
+ * library's new-connection callback): a message that does not arrive whole
+ * within it makes the library drop the peer, and a reply the peer does not
+ * read within it is lost. A stalling peer thus holds the event thread, and
+ * with it the other sockets' peers, for at most 50 ms per message.
  *
  * Transmit offloads: the card parses each frame that requests an offload
  * (RTE_MBUF_F_TX_IP_CKSUM, TCP/UDP checksum, TCP_SEG) and acts on what it

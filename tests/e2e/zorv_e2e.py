@@ -46,6 +46,9 @@ class Testpmd(lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
                  --file-prefix=<prefix> -d <lib> --vdev <each of vdevs>
                  <eal_args>
     Default app: -i --nb-cores=1 --total-num-mbufs=16384 <app_args>
+    With the environment variable ZORV_E2E_PRELOAD set (a sanitizer runtime
+    for a driver built with it), a testpmd that loads the driver runs with
+    LD_PRELOAD=<that>.
     .start(timeout=30)       -> startup text (all lines, the driver's too) up to
                                 the first "testpmd> " prompt;
                                 raises E2EFailure if testpmd exits or times out.
@@ -197,6 +200,10 @@ class Testpmd:
         self.argv += ["--", "-i", "--nb-cores=1", "--total-num-mbufs=16384"]
         self.argv += list(app_args)
         self.env = dict(os.environ)
+        # A sanitizer runtime for a driver built with it (ZORV_E2E_PRELOAD,
+        # e.g. libasan.so.8): only the process that loads the driver gets it.
+        if lib and os.environ.get("ZORV_E2E_PRELOAD"):
+            self.env["LD_PRELOAD"] = os.environ["ZORV_E2E_PRELOAD"]
         if env:
             self.env.update(env)
         self.log_path = log_path

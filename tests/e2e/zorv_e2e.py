@@ -46,6 +46,9 @@ class Testpmd(lib, vdevs=(), eal_args=(), app_args=(), prefix=None,
                  --file-prefix=<prefix> -d <lib> --vdev <each of vdevs>
                  <eal_args>
     Default app: -i --nb-cores=1 --total-num-mbufs=16384 <app_args>
+    With the environment variable ZORV_E2E_PRELOAD set (a sanitizer runtime
+    for a driver built with it), a testpmd that loads the driver runs with
+    LD_PRELOAD=<that>.
     .start(timeout=30)       -> startup text (all lines, the driver's too) up to
                                 the first "testpmd> " prompt;
                                 raises E2EFailure if testpmd exits or times out.
@@ -321,6 +324,10 @@ class Testpmd(Console):
         argv += list(eal_args)
         argv += ["--", "-i", "--nb-cores=1", "--total-num-mbufs=16384"]
         argv += list(app_args)
+        # A sanitizer runtime for a driver built with it (ZORV_E2E_PRELOAD,
+        # e.g. libasan.so.8): only the process that loads the driver gets it.
+        if lib and os.environ.get("ZORV_E2E_PRELOAD"):
+            env = dict({"LD_PRELOAD": os.environ["ZORV_E2E_PRELOAD"]}, **(env or {}))
         Console.__init__(self, argv, env, log_path)
 
     # -- process -------------------------------------------------------

@@ -7,7 +7,9 @@
 #ifndef ZORV_CARD_INTERNAL_H
 #define ZORV_CARD_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <sys/un.h>
 
 #include <array>
 #include <atomic>
@@ -21,6 +23,9 @@
 #include "zorv_vhost_card.h"
 
 namespace zorv_card {
+
+/* Longest socket path: a unix socket address. */
+constexpr size_t SOCK_PATH_MAX = sizeof(((struct sockaddr_un *)nullptr)->sun_path);
 
 /* Feature bits the data path looks at. */
 constexpr uint64_t F_CSUM = 1ULL << 0;
@@ -119,6 +124,33 @@ inline uint32_t conn_held(const card_conn *c)
  * port's receive rings (zorv_card_burst.cpp).
  */
 void drop_waiting_frames(int vid, const card_conn *c);
+
+/* ---- Sockets (zorv_card_socket.cpp) ---- */
+
+/* What for_each_accepted does to the connections accepted on a socket. */
+enum class peer_io {
+	BOUND,      /* give them the stall timeouts (see zorv_card_socket.cpp) */
+	CUT,        /* shut them down: the library drops them */
+	COUNT_OPEN, /* only count those whose peer has not closed them */
+};
+
+/*
+ * Act on every connection this process accepted on the socket at path;
+ * the number of connections found (counted), or negative errno. BOUND is
+ * for the library's new-connection callback, which runs on the event thread
+ * between accept() and the first read of the socket.
+ */
+int for_each_accepted(const char *path, peer_io what);
+
+/* mkdir -p; 0 or negative errno. */
+int mkdir_p(const char *dir);
+
+/*
+ * Make room for serving path: remove a socket that nobody serves any more;
+ * -EEXIST for a file that is not a socket, -EADDRINUSE for a socket another
+ * process serves. 0 when path is free.
+ */
+int remove_stale_socket(const char *path);
 
 } // namespace zorv_card
 

@@ -14,7 +14,6 @@
  * card never holds its own mutex while it calls the port or the vhost
  * library.
  */
-#include <dirent.h>
 #include <errno.h>
 #include <inttypes.h>
 #include <stdlib.h>
@@ -59,8 +58,6 @@ static_assert((ZORV_CARD_VIRTIO_FEATURES & (1ULL << 14)) == 0,
 	      "the card does not segment UDP: the peer must not send UFO frames");
 
 static_assert(ZORV_CARD_MAX_IFACES <= ZORV_CARD_SFI_MAX, "every slot needs an sfi");
-
-constexpr size_t SOCK_PATH_MAX = sizeof(((struct sockaddr_un *)nullptr)->sun_path);
 
 /* Pool of the segments: built, copied to the guest and freed in one call. */
 constexpr unsigned int SEG_POOL_SIZE = 2047;
@@ -166,59 +163,6 @@ void conn_release(int vid, card_conn *c)
 	c->used.store(false, std::memory_order_release);
 }
 
-int mkdir_p(const char *dir)
-{
-	char tmp[SOCK_PATH_MAX];
-	if (snprintf(tmp, sizeof(tmp), "%s", dir) >= static_cast<int>(sizeof(tmp)))
-		return -ENAMETOOLONG;
-	for (char *p = tmp + 1; *p != '\0'; p++) {
-		if (*p != '/')
-			continue;
-		*p = '\0';
-		if (mkdir(tmp, 0755) != 0 && errno != EEXIST)
-			return -errno;
-		*p = '/';
-	}
-	if (mkdir(tmp, 0755) != 0 && errno != EEXIST)
-		return -errno;
-	return 0;
-}
-
-/* True when a process accepts connections on the socket. */
-bool socket_served(const char *path)
-{
-	int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-	if (fd < 0)
-		return false;
-	struct sockaddr_un un = {};
-	un.sun_family = AF_UNIX;
-	snprintf(un.sun_path, sizeof(un.sun_path), "%s", path);
-	int ret = connect(fd, reinterpret_cast<struct sockaddr *>(&un), sizeof(un));
-	bool served = ret == 0 || errno == EAGAIN || errno == EINPROGRESS;
-	close(fd);
-	return served;
-}
-
-/* Remove a socket left behind by a process that is gone. */
-int remove_stale_socket(const char *path)
-{
-	struct stat st;
-	if (lstat(path, &st) != 0)
-		return errno == ENOENT ? 0 : -errno;
-	if (!S_ISSOCK(st.st_mode)) {
-		ZORV1_VDEV_LOG(ERR, "%s exists and is not a socket\n", path);
-		return -EEXIST;
-	}
-	if (socket_served(path)) {
-		ZORV1_VDEV_LOG(ERR, "%s is served by another process\n", path);
-		return -EADDRINUSE;
-	}
-	if (unlink(path) != 0 && errno != ENOENT)
-		return -errno;
-	ZORV1_VDEV_LOG(INFO, "removed stale socket %s\n", path);
-	return 0;
-}
-
 /*
  * Ready when every virtqueue that a queue of the port uses is enabled:
  * port receive queue i reads the peer's transmit virtqueue 2i+1, port
@@ -273,40 +217,6 @@ void conn_update_ready(int vid, card_conn *c, bool enable)
 /* ---- One peer per interface ---- */
 
 /*
- * Connections of this process accepted on the socket at path whose peer
- * has not closed them. An accepted unix socket is named after the socket
- * it was accepted on; one whose peer has closed it reads end-of-file.
- */
-int open_connections_on(const char *path)
-{
-	DIR *d = opendir("/proc/self/fd");
-	if (d == nullptr)
-		return -1;
-	int n = 0;
-	for (struct dirent *e; (e = readdir(d)) != nullptr;) {
-		int fd = atoi(e->d_name);
-		if (e->d_name[0] < '0' || e->d_name[0] > '9' || fd == dirfd(d))
-			continue;
-		int listening = 0;
-		socklen_t optlen = sizeof(listening);
-		if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &optlen) != 0 ||
-		    listening != 0)
-			continue;
-		struct sockaddr_un un = {};
-		socklen_t len = sizeof(un);
-		if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&un), &len) != 0 ||
-		    un.sun_family != AF_UNIX || len <= offsetof(struct sockaddr_un, sun_path) ||
-		    strncmp(un.sun_path, path, sizeof(un.sun_path)) != 0)
-			continue;
-		char byte;
-		if (recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0)
-			n++;
-	}
-	closedir(d);
-	return n;
-}
-
-/*
  * Record dev as the peer on the socket at path unless another peer is on
  * and not known to be gone. 0 recorded, 1 another peer is on, -1 the socket
  * is not an interface's.
@@ -347,7 +257,7 @@ bool refuse_second_peer(int dev)
 		return false; /* an unknown socket is refused by new_device */
 
 	/* System calls: not under the card's mutex. */
-	int open = open_connections_on(path);
+	int open = for_each_accepted(path, peer_io::COUNT_OPEN);
 	if (claim_socket(path, dev, open >= 0 && open <= 1) != 1)
 		return false;
 
@@ -387,6 +297,15 @@ void peer_left(int dev)
 }
 
 
+/* True while the interface of slot is being unregistered (or is gone). */
+bool iface_closing(int slot)
+{
+	if (slot < 0 || slot >= static_cast<int>(ifaces.size()))
+		return true;
+	card_lock lock;
+	return !ifaces[slot].used || ifaces[slot].closing;
+}
+
 /* ---- vhost callbacks ---- */
 
 int card_new_connection(int dev)
@@ -398,6 +317,9 @@ int card_new_connection(int dev)
 		d->vring_on.fill(0);
 		d->conn = -1;
 	}
+	char path[PATH_MAX] = "";
+	if (rte_vhost_get_ifname(dev, path, sizeof(path)) == 0 && for_each_accepted(path, peer_io::BOUND) <= 0)
+		ZORV1_VDEV_LOG(WARNING, "vhost device %d: its socket on %s was not found\n", dev, path);
 	return 0;
 }
 
@@ -554,8 +476,13 @@ void card_destroy_device(int dev)
 	}
 	int vid = devs[dev].conn;
 
-	if (t_unregistering != 0) {
-		/* The port is being closed: stopped, its gates drained. */
+	if (t_unregistering != 0 || iface_closing(c->slot)) {
+		/*
+		 * The port is being closed: stopped, its gates drained. When the
+		 * close cut the peer off, the library drops it on the event
+		 * thread while the closing thread holds the device manager's
+		 * mutex and waits for this callback: the port is not called.
+		 */
 		zorv1_dev_sfi_unmap_port(c->sfi);
 		ZORV1_VDEV_LOG(INFO, "vid %d dropped with its interface\n", vid);
 	} else {
@@ -715,24 +642,6 @@ extern "C" {
 
 /* ---- Interface registration ---- */
 
-int zorv_card_socket_path(const char *iface, char *buf, size_t len)
-{
-	if (iface == nullptr || iface[0] == '\0' || buf == nullptr || len == 0)
-		return -1;
-	int n;
-	if (strchr(iface, '/') != nullptr) {
-		n = snprintf(buf, len, "%s", iface);
-	} else {
-		const char *dir = getenv(ZORV_CARD_SOCK_DIR_ENV);
-		if (dir == nullptr || dir[0] == '\0')
-			dir = ZORV_CARD_SOCK_DIR_DEFAULT;
-		n = snprintf(buf, len, "%s/%s", dir, iface);
-	}
-	if (n < 0 || static_cast<size_t>(n) >= len || static_cast<size_t>(n) >= SOCK_PATH_MAX)
-		return -1;
-	return 0;
-}
-
 int zorv1_dpu_vdev_protocol_register(char *iface)
 {
 	char path[SOCK_PATH_MAX];
@@ -817,6 +726,14 @@ int zorv1_dpu_vdev_protocol_unregister(char *iface)
 		ifaces[slot].closing = true;
 		memcpy(path, ifaces[slot].path, sizeof(path));
 	}
+
+	/*
+	 * Cut the peers off first: the library's unregister waits for the
+	 * event thread to leave any callback on this socket's connections,
+	 * and a peer may keep it there (a message it never finishes, replies
+	 * it never reads); shut down, they fail at once.
+	 */
+	for_each_accepted(path, peer_io::CUT);
 
 	/* A live connection is destroyed in here, through card_destroy_device. */
 	t_unregistering++;

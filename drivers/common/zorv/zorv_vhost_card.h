@@ -5,11 +5,12 @@
  * socket in server mode by DPDK's vhost library; the virtio peer (a VM,
  * DPDK's virtio-user, ...) is the host side of the card's function.
  *
- * Where it lives: zorv_vhost_card.cpp (interfaces, sockets, vhost callbacks,
- * the connection table), zorv_card_burst.cpp (the bursts: dequeue, enqueue,
- * receive offloads, the hold of sent mbufs), zorv_card_offload.cpp (the
- * software transmit offloads, pure functions), zorv_card_internal.h (the
- * records the control side and the bursts share).
+ * Where it lives: zorv_vhost_card.cpp (interfaces, vhost callbacks, the
+ * connection table), zorv_card_socket.cpp (socket paths and the
+ * connections accepted on a socket), zorv_card_burst.cpp (the bursts:
+ * dequeue, enqueue, receive offloads, the hold of sent mbufs),
+ * zorv_card_offload.cpp (the software transmit offloads, pure functions),
+ * zorv_card_internal.h (what they share).
  *
  * Socket of an interface:
  *   - an interface name that contains '/' is itself the socket path;
@@ -59,7 +60,20 @@
  * close, after the port was stopped (its queuing gates closed and drained)
  * and with the device manager's mutex held. A connection still live then is
  * dropped by the card alone, without the port's connection entry points
- * (which take that mutex); the port is going away with it.
+ * (which take that mutex); the port is going away with it. Before it
+ * unregisters, the card shuts down every connection accepted on the
+ * interface's socket, so that no peer can keep the vhost library's event
+ * thread (which the library's unregister waits for) inside one of its
+ * messages; a connection the library drops on the event thread from then on
+ * is dropped by the card alone too.
+ *
+ * Peers that stall: the vhost library serves every socket of the process
+ * from one event thread with blocking reads and writes. Each accepted
+ * connection gets a receive and a send timeout of 50 ms (set from the
+ * library's new-connection callback): a message that does not arrive whole
+ * within it makes the library drop the peer, and a reply the peer does not
+ * read within it is lost. A stalling peer thus holds the event thread, and
+ * with it the other sockets' peers, for at most 50 ms per message.
  *
  * Memory tables: a peer sends a new memory table (SET_MEM_TABLE) while its
  * device runs when a guest boots or its memory is hot-plugged. The vhost

@@ -1,15 +1,8 @@
 /* SPDX-License-Identifier: BSD-3-Clause
  * Agent reports of the zorv1 family, carried over MQTT.
  *
- * Every report is one JSON object published with QoS 0 on the agent's topic
- * (default "zorv1/agent/report") of its broker (default 127.0.0.1:1883):
- *
- *   {"kind": 3, "kind_name": "ZORV1_MSG_DEV_ADD_ERR", "error": 1,
- *    "error_name": "ZORV1_ERR_DEV_PARSE", "device": "net_zorv1_0" | null,
- *    "iface": "ifc0" | null, "queues": 4, "time": "2024-05-01T10:00:00.123Z",
- *    "host": "dpu-host"}
- *
- * A kind or error without a name is sent with a null name.
+ * What a report says is zorv_mqtt_report.cpp's; where it goes and with
+ * which credentials, zorv_mqtt_config.cpp's. This file is the client.
  *
  * The reporters are the port's control thread and the transport's event
  * threads, and none of them may wait for the network: a dead or unreachable
@@ -34,23 +27,10 @@
  * At process exit (or unload) the client says DISCONNECT and is freed;
  * reports made after that fail with -ESHUTDOWN.
  *
- * Configuration, read when a client starts: a file named by
- * ZORV1_MQTT_CONFIG (lines "key value" or "key = value", '#' comments) and
- * environment variables, which win over the file:
- *   broker     ZORV1_MQTT_BROKER     "host[:port]" or "[v6addr]:port"
- *   topic      ZORV1_MQTT_TOPIC      topic of the reports
- *   client_id  ZORV1_MQTT_CLIENT_ID  MQTT client id (default: a random one)
- *   username   ZORV1_MQTT_USERNAME   user name for the broker
- *   password   ZORV1_MQTT_PASSWORD   its password
- *   cafile     ZORV1_MQTT_CAFILE     CA certificates (PEM): the connection
- *                                    uses TLS and verifies the broker's
- *                                    certificate and host name
- *   certfile   ZORV1_MQTT_CERTFILE   client certificate (PEM), with TLS
- *   keyfile    ZORV1_MQTT_KEYFILE    its private key (PEM)
- * A configuration that cannot be used (unreadable file, unknown key, a
- * client certificate without key or CA, files the TLS library refuses) is
- * logged once and the agent stays down: reports fail until the client is
- * restarted, rather than go to a broker nobody asked for in clear text.
+ * Configuration (zorv_mqtt_config.cpp) is read when a client starts. A
+ * configuration that cannot be used is logged once and the agent stays
+ * down: reports fail until the client is restarted, rather than go to a
+ * broker nobody asked for in clear text.
  *
  * Why the broker cannot be reached (refused connection, bad credentials,
  * a TLS failure) is logged once, and again only when the reason changes or
@@ -81,302 +61,12 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv_mqtt_internal.h"
 
+using namespace zorv_mqtt;
+
 namespace {
-
-/* Names of the message kinds, indexed by value; 1 and 2 have none. */
-constexpr const char *kind_names[] = {
-	"ZORV1_MSG_DEV_NONE",
-	nullptr,
-	nullptr,
-	"ZORV1_MSG_DEV_ADD_ERR",
-	"ZORV1_MSG_DEV_DEL_ERR",
-	"ZORV1_MSG_DEV_VHOST_ERR",
-	"ZORV1_MSG_DEV_START_ERR",
-	"ZORV1_MSG_DEV_STOP_ERR",
-	"ZORV1_MSG_QUE_SETUP_ERR",
-	"ZORV1_MSG_QUE_DESTROY_ERR",
-	"ZORV1_MSG_DEV_END",
-};
-static_assert(sizeof(kind_names) / sizeof(kind_names[0]) == ZORV1_MSG_DEV_END + 1);
-
-/* Names of the error codes, indexed by value. */
-constexpr const char *error_names[] = {
-	"ZORV1_ERR_NONE",
-	"ZORV1_ERR_DEV_PARSE",
-	"ZORV1_ERR_AGENT_THD",
-	"ZORV1_ERR_SO_LOAD",
-	"ZORV1_ERR_DEV_CHECK",
-	"ZORV1_ERR_MEM_ALLOC",
-	"ZORV1_ERR_MTU_SET",
-	"ZORV1_ERR_INTR_INSTALL",
-	"ZORV1_ERR_INTR_UPADTE",
-	"ZORV1_ERR_DEV_INSTALL",
-	"ZORV1_ERR_DEV_NULL",
-	"ZORV1_ERR_DEV_OPS_NULL",
-	"ZORV1_ERR_VHOST_REG",
-	"ZORV1_ERR_CACHE_RING",
-	"ZORV1_ERR_QUEUE_INIT",
-};
-static_assert(sizeof(error_names) / sizeof(error_names[0]) == ZORV1_ERR_QUEUE_INIT + 1);
 
 /* How long shutdown lets a connected client say goodbye to the broker. */
 constexpr auto disconnect_grace = std::chrono::milliseconds(500);
-
-void json_string(std::string &out, const char *s)
-{
-	if (s == nullptr) {
-		out += "null";
-		return;
-	}
-	out += '"';
-	for (; *s != '\0'; s++) {
-		unsigned char c = static_cast<unsigned char>(*s);
-		switch (c) {
-		case '"': out += "\\\""; break;
-		case '\\': out += "\\\\"; break;
-		case '\b': out += "\\b"; break;
-		case '\f': out += "\\f"; break;
-		case '\n': out += "\\n"; break;
-		case '\r': out += "\\r"; break;
-		case '\t': out += "\\t"; break;
-		default:
-			if (c < 0x20) {
-				char esc[8];
-				snprintf(esc, sizeof(esc), "\\u%04x", c);
-				out += esc;
-			} else {
-				out += static_cast<char>(c);
-			}
-		}
-	}
-	out += '"';
-}
-
-void iso8601_now(char *buf, size_t len)
-{
-	struct timespec ts;
-	struct tm tm;
-
-	clock_gettime(CLOCK_REALTIME, &ts);
-	gmtime_r(&ts.tv_sec, &tm);
-	size_t n = strftime(buf, len, "%Y-%m-%dT%H:%M:%S", &tm);
-	snprintf(buf + n, len - n, ".%03ldZ", ts.tv_nsec / 1000000L);
-}
-
-std::string report_json(int msg_type, int err_code, const char *dev_name,
-			const char *iface_name, int queues)
-{
-	char host[HOST_NAME_MAX + 1];
-	char when[40];
-	std::string out;
-
-	if (gethostname(host, sizeof(host)) != 0)
-		host[0] = '\0';
-	host[sizeof(host) - 1] = '\0';
-	iso8601_now(when, sizeof(when));
-
-	out.reserve(256);
-	out += "{\"kind\": ";
-	out += std::to_string(msg_type);
-	out += ", \"kind_name\": ";
-	json_string(out, zorv1_mqtt_kind_name(msg_type));
-	out += ", \"error\": ";
-	out += std::to_string(err_code);
-	out += ", \"error_name\": ";
-	json_string(out, zorv1_mqtt_error_name(err_code));
-	out += ", \"device\": ";
-	json_string(out, dev_name);
-	out += ", \"iface\": ";
-	json_string(out, iface_name);
-	out += ", \"queues\": ";
-	out += std::to_string(queues);
-	out += ", \"time\": ";
-	json_string(out, when);
-	out += ", \"host\": ";
-	json_string(out, host);
-	out += '}';
-	return out;
-}
-
-/*
- * "host", "host:port", "[v6addr]" or "[v6addr]:port"; a bare IPv6 address
- * (more than one colon) is taken whole as the host.
- */
-bool parse_broker(const char *text, std::string &host, int &port)
-{
-	std::string s(text);
-	std::string port_text;
-	bool has_port = false;
-
-	if (!s.empty() && s[0] == '[') {
-		size_t close = s.find(']');
-		if (close == std::string::npos)
-			return false;
-		host = s.substr(1, close - 1);
-		if (close + 1 < s.size()) {
-			if (s[close + 1] != ':')
-				return false;
-			has_port = true;
-			port_text = s.substr(close + 2);
-		}
-	} else {
-		size_t colon = s.find(':');
-		if (colon != std::string::npos && s.find(':', colon + 1) == std::string::npos) {
-			host = s.substr(0, colon);
-			has_port = true;
-			port_text = s.substr(colon + 1);
-		} else {
-			host = s;
-		}
-	}
-	if (host.empty())
-		return false;
-	port = ZORV1_MQTT_DEFAULT_PORT;
-	if (has_port) {
-		char *end = nullptr;
-		errno = 0;
-		long p = strtol(port_text.c_str(), &end, 10);
-		if (port_text.empty() || errno != 0 || *end != '\0' || p < 1 || p > 65535)
-			return false;
-		port = static_cast<int>(p);
-	}
-	return true;
-}
-
-/* What a client is started with. */
-struct agent_config {
-	std::string host = ZORV1_MQTT_DEFAULT_HOST;
-	int port = ZORV1_MQTT_DEFAULT_PORT;
-	std::string topic = ZORV1_MQTT_DEFAULT_TOPIC;
-	std::string client_id; /* empty: the library makes one up */
-	std::string username;  /* empty: no authentication */
-	std::string password;
-	std::string cafile; /* set: TLS */
-	std::string certfile;
-	std::string keyfile;
-};
-
-constexpr struct {
-	const char *key;
-	const char *env;
-} config_keys[] = {
-	{"broker", "ZORV1_MQTT_BROKER"},       {"topic", "ZORV1_MQTT_TOPIC"},
-	{"client_id", "ZORV1_MQTT_CLIENT_ID"}, {"username", "ZORV1_MQTT_USERNAME"},
-	{"password", "ZORV1_MQTT_PASSWORD"},   {"cafile", "ZORV1_MQTT_CAFILE"},
-	{"certfile", "ZORV1_MQTT_CERTFILE"},   {"keyfile", "ZORV1_MQTT_KEYFILE"},
-};
-
-std::string trim(const std::string &t)
-{
-	size_t b = t.find_first_not_of(" \t\r");
-	if (b == std::string::npos)
-		return "";
-	size_t e = t.find_last_not_of(" \t\r");
-	return t.substr(b, e - b + 1);
-}
-
-/*
- * Set one setting; an empty value leaves the default. Bad broker and topic
- * values are logged and the default kept, as they always were.
- */
-bool config_set(agent_config &c, const std::string &key, const std::string &value,
-		std::string &why)
-{
-	if (value.empty())
-		return true;
-	if (key == "broker") {
-		std::string host;
-		int port;
-		if (parse_broker(value.c_str(), host, port)) {
-			c.host = host;
-			c.port = port;
-		} else {
-			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_BROKER \"%s\", using %s:%d\n",
-				       value.c_str(), ZORV1_MQTT_DEFAULT_HOST, ZORV1_MQTT_DEFAULT_PORT);
-		}
-	} else if (key == "topic") {
-		if (mosquitto_pub_topic_check(value.c_str()) == MOSQ_ERR_SUCCESS)
-			c.topic = value;
-		else
-			ZORV1_VDEV_LOG(ERR, "Bad ZORV1_MQTT_TOPIC \"%s\", using %s\n", value.c_str(),
-				       ZORV1_MQTT_DEFAULT_TOPIC);
-	} else if (key == "client_id") {
-		c.client_id = value;
-	} else if (key == "username") {
-		c.username = value;
-	} else if (key == "password") {
-		c.password = value;
-	} else if (key == "cafile") {
-		c.cafile = value;
-	} else if (key == "certfile") {
-		c.certfile = value;
-	} else if (key == "keyfile") {
-		c.keyfile = value;
-	} else {
-		why = "unknown key \"" + key + "\"";
-		return false;
-	}
-	return true;
-}
-
-/* The file of ZORV1_MQTT_CONFIG, then the environment. False with why. */
-bool load_config(agent_config &c, std::string &why)
-{
-	const char *path = getenv("ZORV1_MQTT_CONFIG");
-	if (path != nullptr && path[0] != '\0') {
-		FILE *f = fopen(path, "re");
-		if (f == nullptr) {
-			why = std::string(path) + ": " + strerror(errno);
-			return false;
-		}
-		char line[1024];
-		int n = 0;
-		bool ok = true;
-		while (ok && fgets(line, sizeof(line), f) != nullptr) {
-			n++;
-			std::string t(line);
-			if (!t.empty() && t.back() == '\n')
-				t.pop_back();
-			size_t hash = t.find('#');
-			if (hash != std::string::npos)
-				t.erase(hash);
-			t = trim(t);
-			if (t.empty())
-				continue;
-			size_t sep = t.find_first_of(" \t=");
-			std::string key = trim(t.substr(0, sep));
-			std::string value = sep == std::string::npos ? "" : trim(t.substr(sep));
-			if (!value.empty() && value[0] == '=')
-				value = trim(value.substr(1));
-			std::string bad;
-			if (!config_set(c, key, value, bad)) {
-				why = std::string(path) + ":" + std::to_string(n) + ": " + bad;
-				ok = false;
-			}
-		}
-		fclose(f);
-		if (!ok)
-			return false;
-	}
-	for (const auto &k : config_keys) {
-		const char *v = getenv(k.env);
-		if (v != nullptr && !config_set(c, k.key, v, why))
-			return false;
-	}
-	if (c.cafile.empty() && (!c.certfile.empty() || !c.keyfile.empty())) {
-		why = "a client certificate needs TLS: no cafile";
-		return false;
-	}
-	if (c.certfile.empty() != c.keyfile.empty()) {
-		why = "certfile and keyfile go together";
-		return false;
-	}
-	if (c.username.empty() && !c.password.empty()) {
-		why = "a password without a username";
-		return false;
-	}
-	return true;
-}
 
 enum class agent_state { idle, starting, running, stopping };
 
@@ -827,33 +517,6 @@ __attribute__((destructor)) void zorv1_mqtt_unload(void)
 } // namespace
 
 extern "C" {
-
-const char *zorv1_mqtt_kind_name(int msg_type)
-{
-	if (msg_type < 0 || msg_type > ZORV1_MSG_DEV_END)
-		return nullptr;
-	return kind_names[msg_type];
-}
-
-const char *zorv1_mqtt_error_name(int err_code)
-{
-	if (err_code < 0 || err_code > ZORV1_ERR_QUEUE_INIT)
-		return nullptr;
-	return error_names[err_code];
-}
-
-size_t zorv1_mqtt_format_report(char *buf, size_t len, int msg_type, int err_code,
-				const char *dev_name, const char *iface_name, int queues)
-{
-	std::string json = report_json(msg_type, err_code, dev_name, iface_name, queues);
-
-	if (buf != nullptr && len > 0) {
-		size_t n = json.size() < len ? json.size() : len - 1;
-		memcpy(buf, json.data(), n);
-		buf[n] = '\0';
-	}
-	return json.size();
-}
 
 int zorv1_mqtt_connected(void)
 {

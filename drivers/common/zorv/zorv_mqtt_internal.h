@@ -51,6 +51,36 @@ void zorv1_mqtt_shutdown(void);
 
 #ifdef __cplusplus
 }
+
+#include <string>
+
+namespace zorv_mqtt {
+
+/* What a client is started with. */
+struct agent_config {
+	std::string host = ZORV1_MQTT_DEFAULT_HOST;
+	int port = ZORV1_MQTT_DEFAULT_PORT;
+	std::string topic = ZORV1_MQTT_DEFAULT_TOPIC;
+	std::string client_id; /* empty: the library makes one up */
+	std::string username;  /* empty: no authentication */
+	std::string password;
+	std::string cafile; /* set: TLS */
+	std::string certfile;
+	std::string keyfile;
+};
+
+/*
+ * The configuration a client starts with: the file named by
+ * ZORV1_MQTT_CONFIG, then the environment (zorv_mqtt_config.cpp). False,
+ * with why, when it cannot be used.
+ */
+bool load_config(agent_config &c, std::string &why);
+
+/* The JSON text of one report (zorv_mqtt_report.cpp). */
+std::string report_json(int msg_type, int err_code, const char *dev_name, const char *iface_name,
+			int queues);
+
+} // namespace zorv_mqtt
 #endif
 
 #endif /* ZORV_MQTT_INTERNAL_H */

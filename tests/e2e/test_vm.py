@@ -203,9 +203,9 @@ class Scenario:
 
 
     def card_counter(self, name):
-        stats = e2e.telemetry_one(self.host.prefix, "/zorv1/card_stats")
+        stats = e2e.telemetry_one(self.host.prefix, "/zorv1/cp_stats")
         e2e.check(isinstance(stats, dict) and name in stats,
-                  "no %s in /zorv1/card_stats: %r" % (name, stats))
+                  "no %s in /zorv1/cp_stats: %r" % (name, stats))
         return stats[name]
 
 

@@ -19,7 +19,6 @@
 #include <rte_ether.h>
 #include <rte_mbuf.h>
 #include <rte_ring.h>
-#include <rte_telemetry.h>
 #include <rte_vhost.h>
 
 #include "zorv1_ethdev.h"
@@ -183,7 +182,7 @@ uint16_t tx_copy_mtu(const card_conn *c, uint16_t vq, struct rte_mbuf **pkts, ui
 
 /*
  * What the card did with the offload requests of the frames its peers sent
- * (process-wide; /zorv1/card_stats).
+ * (process-wide; in /zorv1/cp_stats after the driver's counters).
  */
 struct card_rx_stats {
 	std::atomic<uint64_t> csum_completed; /* L4 checksums the card completed */
@@ -302,27 +301,6 @@ uint16_t rx_offloads(struct zorv1_vdev_rxq *rxq, struct rte_mbuf **pkts, uint16_
 		rte_pktmbuf_free_bulk(&spill[done], left - done);
 	}
 	return nkeep;
-}
-
-int card_stats_telemetry(const char *, const char *, struct rte_tel_data *d)
-{
-	struct zorv_card_rx_stats st;
-	zorv_card_get_rx_stats(&st);
-	rte_tel_data_start_dict(d);
-	rte_tel_data_add_dict_u64(d, "rx_csum_completed", st.csum_completed);
-	rte_tel_data_add_dict_u64(d, "rx_gso_frames", st.gso_frames);
-	rte_tel_data_add_dict_u64(d, "rx_gso_segments", st.gso_segments);
-	rte_tel_data_add_dict_u64(d, "rx_offload_bad", st.offload_bad);
-	rte_tel_data_add_dict_u64(d, "rx_offload_nombuf", st.nombuf);
-	rte_tel_data_add_dict_u64(d, "rx_ring_full", st.ring_full);
-	return 0;
-}
-
-/* Telemetry accepts commands before EAL start-up. */
-__attribute__((constructor)) void card_register_telemetry(void)
-{
-	rte_telemetry_register_cmd("/zorv1/card_stats", card_stats_telemetry,
-				   "Counters of the emulated card's offload work. No parameters");
 }
 
 } // namespace

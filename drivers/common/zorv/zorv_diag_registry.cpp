@@ -334,8 +334,8 @@ constexpr tel_command tel_commands[] = {
 	{"/zorv1/ring_info", zorv1_diag_tel_ring_info,
 	 "Receive ring behind a qid of a zorv1 port. Parameters: port name, qid"},
 	{"/zorv1/cp_stats", zorv1_diag_tel_cp_stats,
-	 "Control-plane counters of the zorv1 driver and the card's drop and refusal totals. "
-	 "No parameters"},
+	 "Control-plane counters of the zorv1 driver and the card's drop, refusal and offload "
+	 "totals. No parameters"},
 	{"/zorv1/card", zorv1_diag_tel_card,
 	 "The card's side of a zorv1 port: peer, MTU and its drops. Parameters: port name"},
 };
@@ -573,6 +573,14 @@ int zorv1_diag_tel_cp_stats(const char *, const char *params, struct rte_tel_dat
 	rte_tel_data_add_dict_u64(d, "rx_mtu_drops", zorv_fw_mtu_drops_total(0));
 	rte_tel_data_add_dict_u64(d, "tx_mtu_drops", zorv_fw_mtu_drops_total(1));
 	rte_tel_data_add_dict_u64(d, "peers_refused", zorv_card_peers_refused_total());
+	struct zorv_card_rx_stats rx;
+	zorv_card_get_rx_stats(&rx);
+	rte_tel_data_add_dict_u64(d, "rx_csum_completed", rx.csum_completed);
+	rte_tel_data_add_dict_u64(d, "rx_gso_frames", rx.gso_frames);
+	rte_tel_data_add_dict_u64(d, "rx_gso_segments", rx.gso_segments);
+	rte_tel_data_add_dict_u64(d, "rx_offload_bad", rx.offload_bad);
+	rte_tel_data_add_dict_u64(d, "rx_offload_nombuf", rx.nombuf);
+	rte_tel_data_add_dict_u64(d, "rx_ring_full", rx.ring_full);
 	return 0;
 }
 

@@ -125,9 +125,10 @@
  * classifier, together with the frames behind them in the same burst, so
  * that every flow keeps its order; the next burst takes them first. A
  * request the frame does not support is left undone (the frame goes as it
- * is); a segmentation without mbufs drops the frame. Counters:
- * /zorv1/card_stats (rx_csum_completed, rx_gso_frames, rx_gso_segments,
- * rx_offload_bad, rx_offload_nombuf, rx_ring_full).
+ * is); a segmentation without mbufs drops the frame. Counters,
+ * totals over every port in /zorv1/cp_stats: rx_csum_completed,
+ * rx_gso_frames, rx_gso_segments, rx_offload_bad, rx_offload_nombuf,
+ * rx_ring_full.
  *
  * One peer per socket: while a peer is connected to an interface's socket,
  * another connection on it is refused at once (the vhost library closes

@@ -110,9 +110,12 @@ class GoodPeer:
         self.pmd.start(60)
 
     def connect(self, cfg):
+        """Attach and forward; False when the card refused the connection."""
         self.ensure_process()
         out = self.pmd.cmd("port attach %s" % self.devargs(cfg), timeout=60)
         m = re.search(r"Port (\d+) is attached", out)
+        if m is None and "Failed to attach port" in out:
+            return False
         e2e.check(m is not None and m.group(1) == "0", "peer attach failed:\n%s" % out)
         for line in ("port stop 0", "port config all rxq %d" % cfg[0],
                      "port config all txq %d" % cfg[0]):
@@ -123,6 +126,7 @@ class GoodPeer:
         e2e.check("packet forwarding" in out, "peer forwarding did not start:\n%s" % out)
         self.connected = True
         self.cfg = cfg
+        return True
 
     def disconnect(self):
         self.pmd.cmd("stop", timeout=60)
@@ -329,7 +333,21 @@ class Chaos:
         if self.peer.connected:
             self.peer.disconnect()
         cfg = (self.rnd.choice((1, 2)), self.rnd.choice((0, 1)), self.rnd.choice((0, 1)))
-        self.peer.connect(cfg)
+        refused = self.tel.query("/zorv1/cp_stats")["peers_refused"]
+        if self.peer.connect(cfg):
+            return
+        # One peer per port: a hostile peer holding the socket keeps the good
+        # one out, and the card counts the refusal. Once it is gone the good
+        # peer connects.
+        e2e.check(self.hostile is not None and self.hostile.alive(),
+                  "step %d: the peer was refused with no other peer on the socket" % self.step)
+        now = self.tel.query("/zorv1/cp_stats")["peers_refused"]
+        e2e.check(now > refused, "step %d: a refused peer was not counted (%d -> %d)"
+                  % (self.step, refused, now))
+        self.hostile.stop()
+        self.hostile = None
+        e2e.check(self.peer.connect(cfg), "step %d: the peer was refused after the hostile "
+                  "peer left" % self.step)
 
     def peer_disconnect(self):
         if self.peer.connected:

@@ -7,6 +7,7 @@
  */
 #include <dirent.h>
 #include <errno.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -93,9 +94,13 @@ int for_each_accepted(const char *path, peer_io what)
 		if (!accepted_on(fd, path))
 			continue;
 		if (what == peer_io::COUNT_OPEN) {
-			/* A connection whose peer has closed it reads end-of-file. */
-			char byte;
-			if (recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0)
+			/*
+			 * A connection whose peer has closed it hangs up, also
+			 * while requests it sent before are still unread.
+			 */
+			struct pollfd pfd = {.fd = fd, .events = POLLRDHUP, .revents = 0};
+			if (poll(&pfd, 1, 0) >= 0 &&
+			    (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0)
 				found++;
 			continue;
 		}

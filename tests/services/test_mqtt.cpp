@@ -4,6 +4,7 @@
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -645,6 +646,127 @@ TEST_F(MqttAgent, BrokerGivenByNameIsResolvedOffTheCallersThread)
 	ASSERT_NE(j, nullptr);
 	ExpectReport(j.get(), 4, "ZORV1_MSG_DEV_DEL_ERR", 3, "ZORV1_ERR_SO_LOAD", "net_zorv1_2",
 		     "ifc2", 1);
+}
+
+/*
+ * A TLS endpoint that never completes a handshake: it takes each connection,
+ * waits until the client's hello has arrived, lets 100 ms pass and answers
+ * with bytes that are not TLS, then closes. The client's handshake thus
+ * fails after its connect call has returned, on the agent's network thread.
+ */
+class BrokenTlsEndpoint {
+public:
+	~BrokenTlsEndpoint()
+	{
+		stop_ = true;
+		if (thread_.joinable())
+			thread_.join();
+		if (fd_ >= 0)
+			close(fd_);
+	}
+	bool Start()
+	{
+		fd_ = socket(AF_INET, SOCK_STREAM, 0);
+		sockaddr_in a{};
+		a.sin_family = AF_INET;
+		a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+		socklen_t len = sizeof(a);
+		if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof(a)) != 0 ||
+		    listen(fd_, 8) != 0 ||
+		    getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+			return false;
+		port_ = ntohs(a.sin_port);
+		thread_ = std::thread([this] { Serve(); });
+		return true;
+	}
+	int port() const { return port_; }
+	int handshakes() const { return handshakes_; }
+
+private:
+	bool Readable(int fd, int ms)
+	{
+		pollfd p = {fd, POLLIN, 0};
+		return poll(&p, 1, ms) == 1;
+	}
+	void Serve()
+	{
+		static const char not_tls[] = "HTTP/1.0 400 Bad Request\r\n\r\n";
+		while (!stop_) {
+			if (!Readable(fd_, 100))
+				continue;
+			int c = accept(fd_, nullptr, nullptr);
+			if (c < 0)
+				continue;
+			char hello[512];
+			if (Readable(c, 2000) && recv(c, hello, sizeof(hello), 0) > 0) {
+				handshakes_++;
+				std::this_thread::sleep_for(milliseconds(100));
+				(void)!send(c, not_tls, sizeof(not_tls) - 1, MSG_NOSIGNAL);
+			}
+			close(c);
+		}
+	}
+
+	int fd_ = -1;
+	int port_ = 0;
+	std::atomic<bool> stop_{false};
+	std::atomic<int> handshakes_{0};
+	std::thread thread_;
+};
+
+/* A CA certificate of the test's own, so that the agent starts TLS. */
+std::string MakeCaFile(const std::string &dir)
+{
+	const std::string crt = dir + "/ca.crt";
+	const std::string cmd = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=zorv1test"
+				" -keyout " + dir + "/ca.key -out " + crt + " >/dev/null 2>&1";
+	return system(cmd.c_str()) == 0 ? crt : std::string();
+}
+
+TEST_F(MqttAgent, TlsHandshakeFailingAfterTheConnectIsSaidOnceAndRetried)
+{
+	char dir_tmpl[] = "/tmp/zorv_mqtt_tlsXXXXXX";
+	ASSERT_NE(mkdtemp(dir_tmpl), nullptr);
+	const std::string dir = dir_tmpl;
+	const std::string ca = MakeCaFile(dir);
+	ASSERT_FALSE(ca.empty()) << "openssl could not make a CA certificate";
+	BrokenTlsEndpoint ep;
+	ASSERT_TRUE(ep.Start());
+	UseBroker(ep.port());
+	setenv("ZORV1_MQTT_CAFILE", ca.c_str(), 1);
+
+	{
+		zorv_test::LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_DEBUG);
+		Clock::duration took;
+		EXPECT_NE(TimedSend(took), 0); /* starts the client */
+
+		/* The agent keeps trying (back-off 1 s, 2 s, ...). */
+		auto deadline = Clock::now() + std::chrono::seconds(10);
+		while (ep.handshakes() < 3 && Clock::now() < deadline)
+			std::this_thread::sleep_for(milliseconds(50));
+		EXPECT_GE(ep.handshakes(), 3) << "the agent stopped trying after a failed handshake";
+		for (int i = 0; i < 5; i++) {
+			EXPECT_EQ(TimedSend(took), -ENOTCONN);
+			EXPECT_LT(took, kFastFail) << "report " << i;
+		}
+		zorv1_mqtt_shutdown(); /* its thread logs no more into the capture */
+
+		const std::string why = "Agent broker 127.0.0.1:" + std::to_string(ep.port()) +
+					": connection failed: " +
+					mosquitto_strerror(MOSQ_ERR_TLS) + ": OpenSSL Error";
+		int said = 0;
+		for (const auto &e : cap.Entries()) {
+			if (e.text.find(why) == std::string::npos)
+				continue;
+			said++;
+			EXPECT_EQ(e.level, RTE_LOG_WARNING);
+			EXPECT_NE(e.text.find("; reports fail until it is reached\n"), std::string::npos)
+				<< e.text;
+		}
+		EXPECT_EQ(said, 1) << "want the reason once, with OpenSSL's words:\n" << cap.Text();
+	}
+	unsetenv("ZORV1_MQTT_CAFILE");
+	system(("rm -rf " + dir).c_str());
 }
 
 TEST_F(MqttAgent, ShutdownWhileReconnectingDoesNotHang)

@@ -6,12 +6,16 @@
  *
  * The reporters are the port's control thread and the transport's event
  * threads, and none of them may wait for the network: a dead or unreachable
- * broker must never stall a probe. So the client lives on its own threads.
- * The first report starts a short-lived starter thread that creates the
- * client, resolves the broker and begins a non-blocking connect; the
- * library's network thread (mosquitto_loop_start) then owns the connection
- * and reconnects by itself, with a back-off of 1 to 4 seconds, whenever it
- * is refused or lost.
+ * broker must never stall a probe. So the client lives on a network thread
+ * of its own, started by the first report. It creates the client, resolves
+ * the broker and begins a non-blocking connect, then drives the connection
+ * with mosquitto_loop() for as long as the agent runs. Whenever a connection
+ * attempt fails or an accepted connection is lost, the thread waits (1 s,
+ * doubling up to 4 s, back to 1 s after a connection succeeded) and starts a
+ * new non-blocking connect. The library's own loop thread is not used: it
+ * gives up for good on a TLS handshake that fails after the connect returned
+ * (a broker certificate the CA does not vouch for), silently, and its
+ * reconnects block in connect().
  *
  * A report is handed over only to a broker that has accepted the
  * connection; otherwise the call fails at once with -ENOTCONN and the caller
@@ -67,6 +71,8 @@ namespace {
 
 /* How long shutdown lets a connected client say goodbye to the broker. */
 constexpr auto disconnect_grace = std::chrono::milliseconds(500);
+/* How long one turn of the network loop may wait for the socket. */
+constexpr int loop_timeout_ms = 250;
 
 enum class agent_state { idle, starting, running, stopping };
 
@@ -86,21 +92,26 @@ private:
 	bool start_locked();
 	void wait_first_attempt(std::chrono::steady_clock::time_point deadline);
 	void attempt_done();
-	static int starter_retry(mqtt_agent *self, struct mosquitto *mosq);
-	static void *starter_main(void *arg);
+	bool stopping();
+	bool back_off(unsigned int delay_ms);
+	void begin_attempt();
+	void attempt_failed(int rc, int err);
+	void run(struct mosquitto *mosq);
+	static void *net_main(void *arg);
 	static void on_connect(struct mosquitto *mosq, void *obj, int rc);
 	static void on_disconnect(struct mosquitto *mosq, void *obj, int rc);
 	static void on_log(struct mosquitto *mosq, void *obj, int level, const char *text);
 	bool setup_client(struct mosquitto *mosq);
+	std::string failure_text(int rc, int err);
 	void why_down(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 	void forget_why();
 
-	/* Guards the life of the client: state, handle, starter and settings. */
+	/* Guards the life of the client: state, handle, network thread and settings. */
 	std::mutex life_mu_;
 	agent_state state_ = agent_state::idle;
 	struct mosquitto *mosq_ = nullptr;
-	pthread_t starter_{};
-	bool starter_joinable_ = false;
+	pthread_t net_{};
+	bool net_joinable_ = false;
 	bool closed_ = false;
 	/* Settings of the current client; fixed from start to shutdown. */
 	agent_config cfg_;
@@ -108,15 +119,22 @@ private:
 	/* The configuration cannot be used: logged, no client until shutdown. */
 	bool setup_failed_ = false;
 
-	/* Why the broker is out of reach, as last logged; the library's last error. */
+	/*
+	 * Why the broker is out of reach, as last logged; the library's first
+	 * error of the current attempt (OpenSSL's reason, for TLS); whether a
+	 * callback already said why the current attempt failed.
+	 */
 	std::mutex why_mu_;
 	std::string why_;
 	std::string lib_error_;
+	bool explained_ = false;
 
 	/* Connection events from the network thread; never held while logging. */
 	std::mutex ev_mu_;
 	std::condition_variable ev_cv_;
 	std::atomic<bool> connected_{false};
+	/* Connections the broker accepted, over the client's life. */
+	std::atomic<unsigned int> accepted_{0};
 	/* The first connection attempt of the client has not ended yet. */
 	std::atomic<bool> first_pending_{false};
 };
@@ -151,6 +169,7 @@ void mqtt_agent::why_down(const char *fmt, ...)
 	va_end(ap);
 	{
 		std::lock_guard<std::mutex> lk(why_mu_);
+		explained_ = true;
 		if (why_ == text)
 			return;
 		why_ = text;
@@ -166,6 +185,26 @@ void mqtt_agent::forget_why()
 	lib_error_.clear();
 }
 
+/* A new connection attempt: nothing said about it yet. */
+void mqtt_agent::begin_attempt()
+{
+	std::lock_guard<std::mutex> lk(why_mu_);
+	lib_error_.clear();
+	explained_ = false;
+}
+
+/* The library's result (and errno) of a failure, with its own first error. */
+std::string mqtt_agent::failure_text(int rc, int err)
+{
+	std::string text = rc == MOSQ_ERR_ERRNO ? strerror(err) : mosquitto_strerror(rc);
+	std::lock_guard<std::mutex> lk(why_mu_);
+	if (!lib_error_.empty()) {
+		text += ": ";
+		text += lib_error_;
+	}
+	return text;
+}
+
 /* The library's own account of a failure (OpenSSL's, for TLS). */
 void mqtt_agent::on_log(struct mosquitto *, void *obj, int level, const char *text)
 {
@@ -174,7 +213,8 @@ void mqtt_agent::on_log(struct mosquitto *, void *obj, int level, const char *te
 	if ((level & MOSQ_LOG_ERR) == 0 || text == nullptr)
 		return;
 	std::lock_guard<std::mutex> lk(self->why_mu_);
-	self->lib_error_ = text;
+	if (self->lib_error_.empty())
+		self->lib_error_ = text;
 }
 
 void mqtt_agent::on_connect(struct mosquitto *, void *obj, int rc)
@@ -186,6 +226,7 @@ void mqtt_agent::on_connect(struct mosquitto *, void *obj, int rc)
 			std::lock_guard<std::mutex> lk(self->ev_mu_);
 			self->connected_ = true;
 		}
+		self->accepted_++;
 		self->forget_why();
 		ZORV1_VDEV_LOG(INFO, "Agent connected to broker %s:%d\n", self->cfg_.host.c_str(),
 			       self->cfg_.port);
@@ -200,6 +241,7 @@ void mqtt_agent::on_connect(struct mosquitto *, void *obj, int rc)
 void mqtt_agent::on_disconnect(struct mosquitto *, void *obj, int rc)
 {
 	auto *self = static_cast<mqtt_agent *>(obj);
+	int err = errno;
 	bool was;
 
 	{
@@ -207,19 +249,36 @@ void mqtt_agent::on_disconnect(struct mosquitto *, void *obj, int rc)
 		was = self->connected_.exchange(false);
 	}
 	if (was && rc != 0) {
+		std::lock_guard<std::mutex> lk(self->why_mu_);
+		self->explained_ = true;
+	}
+	if (was && rc != 0) {
 		ZORV1_VDEV_LOG(WARNING, "Agent lost broker %s:%d: %s\n", self->cfg_.host.c_str(),
 			       self->cfg_.port, mosquitto_strerror(rc));
 	} else if (!was && rc != 0 && rc != MOSQ_ERR_CONN_REFUSED) {
-		/* A connection that never got as far as the broker's answer (TLS). */
-		std::string lib;
-		{
-			std::lock_guard<std::mutex> lk(self->why_mu_);
-			lib = self->lib_error_;
-		}
-		self->why_down("connection failed: %s%s%s", mosquitto_strerror(rc),
-			       lib.empty() ? "" : " ", lib.c_str());
+		/* A connection that never got as far as the broker's answer. */
+		self->why_down("connection failed: %s", self->failure_text(rc, err).c_str());
 	}
 	self->attempt_done();
+}
+
+/*
+ * An attempt ended without a connection, or a connection ended: say why,
+ * unless a callback already did (a refusal, a lost connection). A TLS
+ * handshake that fails on the network thread returns here with no
+ * callback at all.
+ */
+void mqtt_agent::attempt_failed(int rc, int err)
+{
+	bool said;
+
+	{
+		std::lock_guard<std::mutex> lk(why_mu_);
+		said = explained_;
+	}
+	if (!said && !connected_)
+		why_down("connection failed: %s", failure_text(rc, err).c_str());
+	attempt_done();
 }
 
 /* Identity, credentials and TLS of a new client. False (logged) when refused. */
@@ -255,34 +314,60 @@ bool mqtt_agent::setup_client(struct mosquitto *mosq)
 	return true;
 }
 
-/*
- * Retry a refused first connect with back-off (ZORV1_MQTT_RECONNECT_MIN_S
- * doubling up to _MAX_S), looking every 100 ms whether the agent is being
- * stopped. Returns MOSQ_ERR_SUCCESS once a connect is under way, or an error
- * when the agent stops first.
- */
-int mqtt_agent::starter_retry(mqtt_agent *self, struct mosquitto *mosq)
+bool mqtt_agent::stopping()
 {
-	unsigned int delay_ms = ZORV1_MQTT_RECONNECT_MIN_S * 1000;
+	std::lock_guard<std::mutex> lk(life_mu_);
+	return state_ != agent_state::running;
+}
 
+/* Wait delay_ms, looking every 100 ms whether the agent stops; false if it does. */
+bool mqtt_agent::back_off(unsigned int delay_ms)
+{
+	for (unsigned int waited = 0; waited < delay_ms; waited += 100) {
+		usleep(100 * 1000);
+		if (stopping())
+			return false;
+	}
+	return !stopping();
+}
+
+/*
+ * The network thread's life with one client: connect, drive the connection
+ * until it ends, wait, connect again; until the agent stops.
+ */
+void mqtt_agent::run(struct mosquitto *mosq)
+{
+	const unsigned int min_ms = ZORV1_MQTT_RECONNECT_MIN_S * 1000;
+	const unsigned int max_ms = ZORV1_MQTT_RECONNECT_MAX_S * 1000;
+	unsigned int delay_ms = min_ms;
+	int rc;
+
+	begin_attempt();
+	/* Resolves the broker and starts a non-blocking connect. */
+	rc = mosquitto_connect_async(mosq, cfg_.host.c_str(), cfg_.port, ZORV1_MQTT_KEEPALIVE_S);
 	for (;;) {
-		for (unsigned int waited = 0; waited < delay_ms; waited += 100) {
-			usleep(100 * 1000);
-			std::lock_guard<std::mutex> lk(self->life_mu_);
-			if (self->state_ != agent_state::running)
-				return MOSQ_ERR_INVAL;
-		}
-		if (mosquitto_reconnect_async(mosq) == MOSQ_ERR_SUCCESS)
-			return MOSQ_ERR_SUCCESS;
-		delay_ms = std::min(delay_ms * 2, (unsigned int)ZORV1_MQTT_RECONNECT_MAX_S * 1000);
+		unsigned int accepted = accepted_;
+
+		while (rc == MOSQ_ERR_SUCCESS && !stopping())
+			rc = mosquitto_loop(mosq, loop_timeout_ms, 1);
+		int err = errno;
+		if (stopping())
+			return;
+		attempt_failed(rc, err);
+		if (accepted_ != accepted)
+			delay_ms = min_ms;
+		if (!back_off(delay_ms))
+			return;
+		delay_ms = std::min(delay_ms * 2, max_ms);
+		begin_attempt();
+		rc = mosquitto_reconnect_async(mosq);
 	}
 }
 
-void *mqtt_agent::starter_main(void *arg)
+void *mqtt_agent::net_main(void *arg)
 {
 	auto *self = static_cast<mqtt_agent *>(arg);
 	struct mosquitto *mosq;
-	int rc;
 
 	mosquitto_lib_init();
 	mosq = mosquitto_new(self->cfg_.client_id.empty() ? nullptr : self->cfg_.client_id.c_str(),
@@ -297,16 +382,16 @@ void *mqtt_agent::starter_main(void *arg)
 		mosquitto_destroy(mosq);
 		goto err_lib;
 	}
+	/* Reports publish from other threads while this one drives the socket. */
+	mosquitto_threaded_set(mosq, true);
 	mosquitto_connect_callback_set(mosq, on_connect);
 	mosquitto_disconnect_callback_set(mosq, on_disconnect);
 	mosquitto_log_callback_set(mosq, on_log);
-	mosquitto_reconnect_delay_set(mosq, ZORV1_MQTT_RECONNECT_MIN_S, ZORV1_MQTT_RECONNECT_MAX_S,
-				      true);
 
 	/*
-	 * Published before the network thread exists, so that a report woken
-	 * by the first connection finds the client. No report publishes before
-	 * that connection is up.
+	 * Published before the first connect, so that a report woken by the
+	 * first connection finds the client. No report publishes before that
+	 * connection is up. Shutdown frees the client after this thread ended.
 	 */
 	{
 		std::lock_guard<std::mutex> lk(self->life_mu_);
@@ -314,45 +399,10 @@ void *mqtt_agent::starter_main(void *arg)
 		if (self->state_ == agent_state::starting)
 			self->state_ = agent_state::running;
 	}
-
-	/* Resolves the broker and starts a non-blocking connect. */
-	rc = mosquitto_connect_async(mosq, self->cfg_.host.c_str(), self->cfg_.port,
-				     ZORV1_MQTT_KEEPALIVE_S);
-	if (rc != MOSQ_ERR_SUCCESS) {
-		std::string lib;
-		{
-			/* A TLS handshake fails in here, with OpenSSL's reason logged. */
-			std::lock_guard<std::mutex> lk(self->why_mu_);
-			lib = self->lib_error_;
-		}
-		self->why_down("not reachable (%s%s%s), retrying in background",
-			       rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc),
-			       lib.empty() ? "" : ": ", lib.c_str());
-		self->attempt_done();
-		/*
-		 * libmosquitto's network thread only reconnects a client whose
-		 * connect once got under way: a connect refused at once has to be
-		 * retried here, with the same back-off, until the broker takes it.
-		 * Reports meanwhile fail (not connected) and are counted by their
-		 * callers; the wait is cut short when the agent is stopped.
-		 */
-		rc = starter_retry(self, mosq);
-		if (rc != MOSQ_ERR_SUCCESS)
-			goto err_client;
-	}
-	rc = mosquitto_loop_start(mosq);
-	if (rc != MOSQ_ERR_SUCCESS) {
-		ZORV1_VDEV_LOG(ERR, "Agent network thread not started: %s\n", mosquitto_strerror(rc));
-		goto err_client;
-	}
+	self->run(mosq);
+	self->attempt_done();
 	return nullptr;
 
-err_client:
-	{
-		std::lock_guard<std::mutex> lk(self->life_mu_);
-		self->mosq_ = nullptr;
-	}
-	mosquitto_destroy(mosq);
 err_lib:
 	mosquitto_lib_cleanup();
 	self->attempt_done();
@@ -368,10 +418,10 @@ err_lib:
 /* Called with life_mu_ held and the state idle. */
 bool mqtt_agent::start_locked()
 {
-	if (starter_joinable_) {
-		/* A starter that gave up; it has nothing left to do but return. */
-		pthread_join(starter_, nullptr);
-		starter_joinable_ = false;
+	if (net_joinable_) {
+		/* A network thread that gave up; it has nothing left to do but return. */
+		pthread_join(net_, nullptr);
+		net_joinable_ = false;
 	}
 
 	if (setup_failed_)
@@ -392,14 +442,15 @@ bool mqtt_agent::start_locked()
 			  std::chrono::milliseconds(ZORV1_MQTT_FIRST_WAIT_MS);
 	state_ = agent_state::starting;
 
-	int rc = pthread_create(&starter_, nullptr, starter_main, this);
+	int rc = pthread_create(&net_, nullptr, net_main, this);
 	if (rc != 0) {
-		ZORV1_VDEV_LOG(ERR, "Agent starter thread not created: %s\n", strerror(rc));
+		ZORV1_VDEV_LOG(ERR, "Agent network thread not created: %s\n", strerror(rc));
 		first_pending_ = false;
 		state_ = agent_state::idle;
 		return false;
 	}
-	starter_joinable_ = true;
+	pthread_setname_np(net_, "zorv1-agent");
+	net_joinable_ = true;
 	return true;
 }
 
@@ -458,36 +509,31 @@ void mqtt_agent::shutdown()
 
 	{
 		std::lock_guard<std::mutex> lk(life_mu_);
-		if (state_ == agent_state::idle && !starter_joinable_) {
+		if (state_ == agent_state::idle && !net_joinable_) {
 			setup_failed_ = false; /* the next client reads the configuration again */
 			return;
 		}
 		state_ = agent_state::stopping;
-		join = starter_joinable_;
-		starter_joinable_ = false;
+		join = net_joinable_;
+		net_joinable_ = false;
+		mosq = mosq_;
 	}
+
+	if (mosq != nullptr && connected_) {
+		/* Wakes the network thread, which sends the goodbye and sees the stop. */
+		mosquitto_disconnect(mosq);
+		std::unique_lock<std::mutex> lk(ev_mu_);
+		ev_cv_.wait_for(lk, disconnect_grace, [this] { return !connected_; });
+	}
+	/* The network thread looks at the state at least every loop_timeout_ms. */
 	if (join)
-		pthread_join(starter_, nullptr);
+		pthread_join(net_, nullptr);
 	{
 		std::lock_guard<std::mutex> lk(life_mu_);
 		mosq = mosq_;
 		mosq_ = nullptr;
 	}
-
 	if (mosq != nullptr) {
-		bool was = connected_;
-
-		mosquitto_disconnect(mosq);
-		if (was) {
-			std::unique_lock<std::mutex> lk(ev_mu_);
-			ev_cv_.wait_for(lk, disconnect_grace, [this] { return !connected_; });
-		}
-		/*
-		 * After the disconnect the network thread is leaving or waiting
-		 * to reconnect; forcing keeps a connect stuck on an unreachable
-		 * broker from holding up the unload.
-		 */
-		mosquitto_loop_stop(mosq, true);
 		mosquitto_destroy(mosq);
 		mosquitto_lib_cleanup();
 	}

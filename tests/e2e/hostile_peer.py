@@ -18,6 +18,10 @@ Behaviours (--mode):
              one also sends a header without its payload.
   garbage    random bytes (seeded by --seed) in a few writes.
 
+While another peer is connected, the card refuses and closes every new
+connection on the socket; a behaviour that finds its connection closed that
+way prints "ready 0 dropped: <why>" and holds nothing.
+
 Usable as a module too: Hostile(sock, mode, ...).start() / .stop(), for the
 chaos driver.
 """
@@ -127,6 +131,7 @@ class Hostile:
                      "--hold", str(hold), "--count", str(count), "--seed", str(seed)]
         self.mode = mode
         self.proc = None
+        self.ready = ""
 
     def start(self, timeout=20.0):
         self.proc = subprocess.Popen(self.argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -142,6 +147,7 @@ class Hostile:
         if not line.startswith(b"ready"):
             self.stop()
             raise RuntimeError("hostile peer (%s) not ready: %r" % (self.mode, line))
+        self.ready = line.decode("utf-8", "replace").strip()
         return self
 
     def alive(self):
@@ -168,8 +174,12 @@ def main():
     p.add_argument("--count", type=int, default=200, help="connections of the flood")
     p.add_argument("--seed", type=int, default=1)
     args = p.parse_args()
-    socks = ACTIONS[args.mode](args.sock, args)
-    print("ready %d" % len(socks), flush=True)
+    try:
+        socks = ACTIONS[args.mode](args.sock, args)
+        print("ready %d" % len(socks), flush=True)
+    except OSError as e:
+        socks = []
+        print("ready 0 dropped: %s" % e, flush=True)
     time.sleep(args.hold)
     for s in socks:
         s.close()

@@ -66,6 +66,9 @@ def own_args(argv=None):
     p.add_argument("--min-pkts", type=int, default=64)
     p.add_argument("--sanitizer", default="",
                    help="name of the sanitizer runtime the primary must have mapped")
+    p.add_argument("--ops", default="",
+                   help="comma-separated operations to draw from (default: all), for "
+                        "narrowing a failure down")
     return p.parse_known_args(argv)
 
 
@@ -365,9 +368,17 @@ class Chaos:
         if self.hostile is not None:
             return
         mode = self.rnd.choice(hp.MODES)
+        refused = self.tel.query("/zorv1/cp_stats")["peers_refused"]
         self.hostile = hp.Hostile(self.sock, mode, hold=600, count=50,
                                   seed=self.rnd.randrange(1 << 30)).start()
         self.hostile_ttl = self.rnd.randint(1, 3)
+        if self.peer.connected:
+            # One peer per port: the card refuses the newcomer, counts it,
+            # and the connected peer keeps its traffic (checked after the step).
+            ok = e2e.wait_until(lambda: self.tel.query("/zorv1/cp_stats")["peers_refused"]
+                                > refused, 5, 0.05)
+            e2e.check(ok, "step %d: a %s peer next to a connected one was not refused (%s)"
+                      % (self.step, mode, self.hostile.ready))
 
     # -- broker side -----------------------------------------------------------
     def broker_op(self):
@@ -436,8 +447,9 @@ class Chaos:
         self.readers()
 
     def one_step(self):
-        names = [n for n, _ in self.OPS]
-        weights = [w for _, w in self.OPS]
+        ops = [(n, w) for n, w in self.OPS if not self.args.ops or n in self.args.ops.split(",")]
+        names = [n for n, _ in ops]
+        weights = [w for _, w in ops]
         name = self.rnd.choices(names, weights)[0]
         self.counts[name] = self.counts.get(name, 0) + 1
         if self.args.verbose:

@@ -14,6 +14,10 @@ it; then, with the peer still there:
 Also, while a flood of stalling connections hits A, a well-behaved peer on
 B connects and carries traffic within --served-bound seconds, and B's
 stop/start under the same flood stays within the bound.
+And with A open and no other peer, a peer that stalls inside a message
+(half, header) or sends garbage is cut off by the card: counted in
+`peers_cut` (/zorv1/card,<port> and /zorv1/cp_stats), logged once for the
+run of them, and A then serves a good peer without being re-created.
 """
 import argparse
 import os
@@ -26,6 +30,10 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import zorv_e2e as e2e  # noqa: E402
 import churn_peer as cp  # noqa: E402
 import hostile_peer as hp  # noqa: E402
+
+# Behaviours the card cuts off on its own (a reply never read is not one:
+# the library only gives up on such a peer when it sends again).
+CUT_MODES = ("half", "header", "garbage")
 
 
 def own_args(argv=None):
@@ -138,6 +146,26 @@ def scenario(common, args):
                                             args.min_pkts, 60)
                 print("  after %s: a good peer on a new port carried traffic in %.2f s"
                       % (mode, dt), flush=True)
+
+            # Peers the card cuts off while the port stays.
+            cut0 = e2e.telemetry_one(pmd.prefix, "/zorv1/card,net_zorv1_a")["peers_cut"]
+            since = pmd.pos
+            for n, mode in enumerate(CUT_MODES, 1):
+                hostile = hp.Hostile(sock_a, mode, hold=300, seed=n).start()
+                ok = e2e.wait_until(lambda: e2e.telemetry_one(
+                    pmd.prefix, "/zorv1/card,net_zorv1_a")["peers_cut"] >= cut0 + n, 10, 0.1)
+                e2e.check(ok, "the %s peer was not cut off: %r" % (mode, e2e.telemetry_one(
+                    pmd.prefix, "/zorv1/card,net_zorv1_a")))
+                hostile.stop()
+                hostile = None
+            total = e2e.telemetry_one(pmd.prefix, "/zorv1/cp_stats")["peers_cut"]
+            e2e.check(total >= cut0 + len(CUT_MODES), "peers_cut total %d" % total)
+            said = pmd.output[since:].count("peer cut off")
+            e2e.check(said == 1, "cut-offs logged %d times, want once for the run" % said)
+            dt = traffic_with_good_peer(ports, port_a, sock_a, "peer_a_after_cuts",
+                                        args.min_pkts, 60)
+            print("  %d peers cut off (%s), logged once; a good peer then carried traffic "
+                  "in %.2f s" % (len(CUT_MODES), ",".join(CUT_MODES), dt), flush=True)
 
             worst = max(t for _, _, t in ports.times)
             print("worst stop/close/detach: %.3f s over %d commands" % (worst, len(ports.times)))

@@ -1860,6 +1860,112 @@ TEST_F(CardPeer, ASecondPeerIsRefusedWhileOneIsConnectedAndMayConnectOnceItLeave
 	EXPECT_TRUE(LinkUp(port_));
 }
 
+/* A vhost-user client of the test's own that sends raw bytes and holds on. */
+class RawPeer {
+public:
+	explicit RawPeer(const std::string &path)
+	{
+		fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
+		struct sockaddr_un un = {};
+		un.sun_family = AF_UNIX;
+		snprintf(un.sun_path, sizeof(un.sun_path), "%s", path.c_str());
+		if (fd_ >= 0 && connect(fd_, reinterpret_cast<struct sockaddr *>(&un), sizeof(un)) != 0) {
+			close(fd_);
+			fd_ = -1;
+		}
+	}
+	~RawPeer() { Close(); }
+	RawPeer(const RawPeer &) = delete;
+	RawPeer &operator=(const RawPeer &) = delete;
+	bool ok() const { return fd_ >= 0; }
+	bool Send(const std::vector<uint8_t> &b)
+	{
+		return send(fd_, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size());
+	}
+	void Close()
+	{
+		if (fd_ >= 0)
+			close(fd_);
+		fd_ = -1;
+	}
+
+private:
+	int fd_ = -1;
+};
+
+/* A vhost-user message header: request, flags (version 1), payload size. */
+std::vector<uint8_t> VhostHeader(uint32_t request, uint32_t size)
+{
+	std::vector<uint8_t> b(12);
+	const uint32_t words[3] = {request, 1u, size};
+	memcpy(b.data(), words, sizeof(words));
+	return b;
+}
+
+/* Log entries at WARNING of the card cutting a peer off. */
+size_t CutLines(const zorv_test::LogCapture &cap)
+{
+	size_t n = 0;
+	for (const auto &e : cap.Entries())
+		if (e.level == RTE_LOG_WARNING && e.text.find("peer cut off") != std::string::npos)
+			n++;
+	return n;
+}
+
+TEST_F(CardPeer, PeersThatStallOrSendGarbageAreCutOffCountedAndLoggedOncePerRun)
+{
+	DetachPeer();
+	ASSERT_TRUE(WaitFor([&] { return !LinkUp(port_); }));
+	zorv_test::LogCapture cap(zorv1_vdev_logtype_cfg, RTE_LOG_INFO);
+	const uint64_t total = zorv_card_peers_cut_total();
+	const char *iface = iface_.c_str();
+	constexpr uint32_t kSetFeatures = 2;
+
+	/* A header that announces a payload, and no payload: cut after the stall. */
+	{
+		RawPeer p(sock_);
+		ASSERT_TRUE(p.ok());
+		ASSERT_TRUE(p.Send(VhostHeader(kSetFeatures, 8)));
+		EXPECT_TRUE(WaitFor([&] { return zorv_card_iface_peers_cut(iface) == 1; }));
+	}
+	/* Garbage: cut at once; counted, not logged again in the same run. */
+	{
+		RawPeer p(sock_);
+		ASSERT_TRUE(p.ok());
+		ASSERT_TRUE(p.Send(std::vector<uint8_t>(12, 0xff)));
+		EXPECT_TRUE(WaitFor([&] { return zorv_card_iface_peers_cut(iface) == 2; }));
+	}
+	EXPECT_EQ(CutLines(cap), 1u) << cap.Text();
+
+	/* A peer that hangs up by itself, mid-message even, is not cut off. */
+	{
+		RawPeer p(sock_);
+		ASSERT_TRUE(p.ok());
+		ASSERT_TRUE(p.Send(VhostHeader(kSetFeatures, 8)));
+		p.Close();
+	}
+	std::this_thread::sleep_for(std::chrono::milliseconds(300));
+	EXPECT_EQ(zorv_card_iface_peers_cut(iface), 2u);
+
+	/* A good peer gets as far as a device: the next cut is logged again. */
+	ASSERT_NO_FATAL_FAILURE(AttachPeer());
+	DetachPeer();
+	ASSERT_TRUE(WaitFor([&] { return !LinkUp(port_); }));
+	{
+		RawPeer p(sock_);
+		ASSERT_TRUE(p.ok());
+		ASSERT_TRUE(p.Send(VhostHeader(kSetFeatures, 8)));
+		EXPECT_TRUE(WaitFor([&] { return zorv_card_iface_peers_cut(iface) == 3; }));
+	}
+	EXPECT_EQ(zorv_card_peers_cut_total(), total + 3);
+	EXPECT_EQ(CutLines(cap), 2u) << cap.Text();
+
+	/* The socket still serves a good peer. */
+	ASSERT_NO_FATAL_FAILURE(AttachPeer());
+	EXPECT_TRUE(LinkUp(port_));
+	EXPECT_EQ(zorv_card_iface_peers_cut(iface), 3u) << "a good peer's end is not a cut";
+}
+
 TEST_F(CardPeer, DisconnectUnbindsThePortAndAReconnectServesItAgain)
 {
 	/* Leave transmitted mbufs with the card and received ones unread. */

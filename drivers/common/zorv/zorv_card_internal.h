@@ -78,6 +78,17 @@ struct card_conn {
 struct card_dev {
 	std::array<uint64_t, MAX_VRINGS / 64> vring_on; /* enabled virtqueues */
 	int conn = -1;                                  /* connection id, or -1 */
+	/*
+	 * A second descriptor of the connection's socket, so that when the
+	 * library ends the connection the card can tell whether the peer had
+	 * hung up; -1 when not known. Its inode tells it from the others, its
+	 * interface slot says whose it is. Under the card's mutex: the close
+	 * of the interface drops it too (the library's unregister ends the
+	 * connections without the destroy-connection callback).
+	 */
+	int peer_fd = -1;
+	unsigned long peer_ino = 0;
+	int peer_slot = -1;
 };
 
 /* Indexed by connection id (conns) and by vhost device id (devs). */
@@ -141,6 +152,17 @@ enum class peer_io {
  * between accept() and the first read of the socket.
  */
 int for_each_accepted(const char *path, peer_io what);
+
+/*
+ * A descriptor (dup) of the one connection accepted on the socket at path
+ * whose inode is not in taken[0..nb_taken); its inode in *ino. -1 when
+ * there is not exactly one such connection.
+ */
+int dup_new_peer(const char *path, const unsigned long *taken, unsigned int nb_taken,
+		 unsigned long *ino);
+
+/* True while the peer of a connected socket has not hung up its end. */
+bool peer_holds(int fd);
 
 /* mkdir -p; 0 or negative errno. */
 int mkdir_p(const char *dir);

@@ -7,6 +7,7 @@
  */
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -94,13 +95,7 @@ int for_each_accepted(const char *path, peer_io what)
 		if (!accepted_on(fd, path))
 			continue;
 		if (what == peer_io::COUNT_OPEN) {
-			/*
-			 * A connection whose peer has closed it hangs up, also
-			 * while requests it sent before are still unread.
-			 */
-			struct pollfd pfd = {.fd = fd, .events = POLLRDHUP, .revents = 0};
-			if (poll(&pfd, 1, 0) >= 0 &&
-			    (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0)
+			if (peer_holds(fd))
 				found++;
 			continue;
 		}
@@ -116,6 +111,48 @@ int for_each_accepted(const char *path, peer_io what)
 	}
 	closedir(dir);
 	return found;
+}
+
+/*
+ * A connection whose peer has closed it hangs up, also while requests it
+ * sent before are still unread.
+ */
+bool peer_holds(int fd)
+{
+	struct pollfd pfd = {.fd = fd, .events = POLLRDHUP, .revents = 0};
+	return poll(&pfd, 1, 0) >= 0 && (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0;
+}
+
+int dup_new_peer(const char *path, const unsigned long *taken, unsigned int nb_taken,
+		 unsigned long *ino)
+{
+	DIR *dir = opendir("/proc/self/fd");
+	if (dir == nullptr)
+		return -1;
+	int found = -1;
+	unsigned int candidates = 0;
+	for (struct dirent *e = readdir(dir); e != nullptr; e = readdir(dir)) {
+		char *end = nullptr;
+		long n = strtol(e->d_name, &end, 10);
+		if (end == e->d_name || *end != '\0' || n < 0 || n == dirfd(dir))
+			continue;
+		int fd = static_cast<int>(n);
+		struct stat st;
+		if (!accepted_on(fd, path) || fstat(fd, &st) != 0)
+			continue;
+		bool known = false;
+		for (unsigned int i = 0; i < nb_taken && !known; i++)
+			known = taken[i] == static_cast<unsigned long>(st.st_ino);
+		if (known)
+			continue;
+		candidates++;
+		found = fd;
+		*ino = st.st_ino;
+	}
+	closedir(dir);
+	if (candidates != 1)
+		return -1;
+	return fcntl(found, F_DUPFD_CLOEXEC, 0);
 }
 
 /* mkdir -p of a socket directory. */

@@ -573,6 +573,7 @@ int zorv1_diag_tel_cp_stats(const char *, const char *params, struct rte_tel_dat
 	rte_tel_data_add_dict_u64(d, "rx_mtu_drops", zorv_fw_mtu_drops_total(0));
 	rte_tel_data_add_dict_u64(d, "tx_mtu_drops", zorv_fw_mtu_drops_total(1));
 	rte_tel_data_add_dict_u64(d, "peers_refused", zorv_card_peers_refused_total());
+	rte_tel_data_add_dict_u64(d, "peers_cut", zorv_card_peers_cut_total());
 	struct zorv_card_rx_stats rx;
 	zorv_card_get_rx_stats(&rx);
 	rte_tel_data_add_dict_u64(d, "rx_csum_completed", rx.csum_completed);
@@ -622,6 +623,7 @@ int zorv1_diag_tel_card(const char *, const char *params, struct rte_tel_data *d
 	rte_tel_data_add_dict_u64(d, "sfi", zorv_card_iface_sfi(iface));
 	rte_tel_data_add_dict_int(d, "vid", zorv_card_iface_vid(iface));
 	rte_tel_data_add_dict_u64(d, "peers_refused", zorv_card_iface_peers_refused(iface));
+	rte_tel_data_add_dict_u64(d, "peers_cut", zorv_card_iface_peers_cut(iface));
 	rte_tel_data_add_dict_u64(d, "vport", vport);
 	/* 0: no MTU set on the virtual port, frames of any length pass. */
 	rte_tel_data_add_dict_u64(d, "mtu", zorv_fw_get_vport_mtu(vport));

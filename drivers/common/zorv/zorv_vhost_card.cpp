@@ -74,11 +74,14 @@ struct card_iface {
 	int peer_dev = -1;          /* vhost device of the peer on the socket, or -1 */
 	bool refusal_logged;        /* a refusal was logged while that peer is on */
 	uint64_t peers_refused;     /* connections refused while a peer was on */
+	uint64_t peers_cut;         /* peers whose connection the card ended */
+	bool cut_logged;            /* a cut was logged; no device since */
 };
 
 pthread_mutex_t card_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::array<card_iface, ZORV_CARD_MAX_IFACES> ifaces; /* under card_mutex */
 std::atomic<uint64_t> peers_refused_total{0}; /* over every interface, ever */
+std::atomic<uint64_t> peers_cut_total{0};     /* over every interface, ever */
 /*
  * Set while this thread is inside zorv1_dpu_vdev_protocol_unregister. The
  * port's close unregisters with the device manager's mutex held, after it
@@ -308,6 +311,92 @@ bool iface_closing(int slot)
 
 /* ---- vhost callbacks ---- */
 
+/* Take a device's second descriptor of its peer's socket; card_mutex held. */
+int take_peer_end_locked(card_dev *d)
+{
+	int fd = d->peer_fd;
+	d->peer_fd = -1;
+	d->peer_ino = 0;
+	d->peer_slot = -1;
+	return fd;
+}
+
+/*
+ * Keep a second descriptor of a new connection's socket (see card_dev).
+ * The connections of the other devices are told apart by their inodes.
+ */
+void keep_peer_end(card_dev *d, const char *path)
+{
+	std::array<unsigned long, RTE_MAX_VHOST_DEVICE> taken;
+	unsigned int nb = 0;
+	int old;
+	{
+		card_lock lock;
+		old = take_peer_end_locked(d); /* a connection ended with no callback */
+		for (const card_dev &o : devs) {
+			if (o.peer_fd >= 0)
+				taken[nb++] = o.peer_ino;
+		}
+	}
+	if (old >= 0)
+		close(old);
+	unsigned long ino = 0;
+	int fd = dup_new_peer(path, taken.data(), nb, &ino);
+	if (fd < 0)
+		return;
+	card_lock lock;
+	int slot = find_iface_locked(nullptr, path);
+	if (slot < 0 || ifaces[slot].closing) {
+		close(fd);
+		return;
+	}
+	d->peer_fd = fd;
+	d->peer_ino = ino;
+	d->peer_slot = slot;
+}
+
+/*
+ * The library ended a connection: if its peer still held it open, the card
+ * cut the peer off. Counted every time; logged once for a run of cut
+ * connections on an interface, until a peer gets as far as a device.
+ */
+void note_end_of_peer(card_dev *d)
+{
+	int fd, slot;
+	{
+		card_lock lock;
+		slot = d->peer_slot;
+		fd = take_peer_end_locked(d);
+	}
+	if (fd < 0)
+		return;
+	bool held = peer_holds(fd);
+	close(fd);
+	if (!held)
+		return;
+
+	char name[SOCK_PATH_MAX];
+	uint64_t cut;
+	{
+		card_lock lock;
+		if (!ifaces[slot].used || ifaces[slot].closing)
+			return; /* the port's close ended it */
+		card_iface &f = ifaces[slot];
+		f.peers_cut++;
+		peers_cut_total.fetch_add(1, std::memory_order_relaxed);
+		if (f.cut_logged)
+			return;
+		f.cut_logged = true;
+		cut = f.peers_cut;
+		memcpy(name, f.name, sizeof(name));
+	}
+	ZORV1_VDEV_LOG(WARNING,
+		       "%s: peer cut off (%" PRIu64 " so far): a vhost-user message it sent was "
+		       "incomplete, stalled or not acceptable, or it did not read the replies; "
+		       "further cut-offs are counted only until a peer connects\n",
+		       name, cut);
+}
+
 int card_new_connection(int dev)
 {
 	if (refuse_second_peer(dev))
@@ -318,16 +407,22 @@ int card_new_connection(int dev)
 		d->conn = -1;
 	}
 	char path[PATH_MAX] = "";
-	if (rte_vhost_get_ifname(dev, path, sizeof(path)) == 0 && for_each_accepted(path, peer_io::BOUND) <= 0)
+	if (rte_vhost_get_ifname(dev, path, sizeof(path)) != 0)
+		return 0;
+	if (for_each_accepted(path, peer_io::BOUND) <= 0)
 		ZORV1_VDEV_LOG(WARNING, "vhost device %d: its socket on %s was not found\n", dev, path);
+	else if (d != nullptr)
+		keep_peer_end(d, path);
 	return 0;
 }
 
 void card_destroy_connection(int dev)
 {
 	card_dev *d = dev_of(dev);
-	if (d != nullptr)
+	if (d != nullptr) {
 		d->vring_on.fill(0);
+		note_end_of_peer(d);
+	}
 	peer_left(dev);
 }
 
@@ -382,6 +477,7 @@ int card_new_device(int dev)
 			return -1;
 		}
 		memcpy(name, ifaces[slot].name, sizeof(name));
+		ifaces[slot].cut_logged = false;
 	}
 
 	int vid = pick_conn_id(dev, name);
@@ -756,6 +852,10 @@ int zorv1_dpu_vdev_protocol_unregister(char *iface)
 	}
 
 	card_lock lock;
+	for (card_dev &d : devs) {
+		if (d.peer_fd >= 0 && d.peer_slot == slot)
+			close(take_peer_end_locked(&d));
+	}
 	ifaces[slot] = card_iface{};
 	seg_pool_put_locked();
 	ZORV1_VDEV_LOG(INFO, "interface %s no longer served\n", iface);
@@ -824,6 +924,18 @@ uint64_t zorv_card_iface_peers_refused(const char *iface)
 uint64_t zorv_card_peers_refused_total(void)
 {
 	return peers_refused_total.load(std::memory_order_relaxed);
+}
+
+uint64_t zorv_card_iface_peers_cut(const char *iface)
+{
+	card_lock lock;
+	int slot = find_iface_locked(iface, nullptr);
+	return slot >= 0 ? ifaces[slot].peers_cut : 0;
+}
+
+uint64_t zorv_card_peers_cut_total(void)
+{
+	return peers_cut_total.load(std::memory_order_relaxed);
 }
 
 

@@ -74,6 +74,11 @@
  * within it makes the library drop the peer, and a reply the peer does not
  * read within it is lost. A stalling peer thus holds the event thread, and
  * with it the other sockets' peers, for at most 50 ms per message.
+ *   A connection the library ends while its peer still holds it open (such
+ *   a stall, a message it cannot take, garbage) is a peer cut off: counted
+ *   per interface and in total (peers_cut), and logged, once for a run of
+ *   such connections until a peer gets as far as a device again. A peer
+ *   that closes its end itself is not counted.
  *
  * Memory tables: a peer sends a new memory table (SET_MEM_TABLE) while its
  * device runs when a guest boots or its memory is hot-plugged. The vhost
@@ -248,6 +253,16 @@ void zorv_card_get_rx_stats(struct zorv_card_rx_stats *st);
  */
 uint64_t zorv_card_iface_peers_refused(const char *iface);
 uint64_t zorv_card_peers_refused_total(void);
+
+/*
+ * Peers the card cut off on the socket of a registered interface (0 for an
+ * unknown interface; the count starts again when the interface is
+ * registered again), and over every interface since the process started: a
+ * connection ended by the card while its peer still held it open (a message
+ * that did not arrive whole or could not be taken, replies not read).
+ */
+uint64_t zorv_card_iface_peers_cut(const char *iface);
+uint64_t zorv_card_peers_cut_total(void);
 
 struct rte_mbuf;
 struct rte_mempool;

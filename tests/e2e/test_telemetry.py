@@ -29,9 +29,9 @@ CP_COUNTERS = (
     "flow_start_fail flow_close_fail start_dev_intr eth_dev_start send_msg_fail "
     "get_ethdev_fail").split()
 # The card's totals follow the driver's counters.
-CARD_COUNTERS = ["rx_mtu_drops", "tx_mtu_drops", "peers_refused", "rx_csum_completed",
-                 "rx_gso_frames", "rx_gso_segments", "rx_offload_bad", "rx_offload_nombuf",
-                 "rx_ring_full"]
+CARD_COUNTERS = ["rx_mtu_drops", "tx_mtu_drops", "peers_refused", "peers_cut",
+                 "rx_csum_completed", "rx_gso_frames", "rx_gso_segments", "rx_offload_bad",
+                 "rx_offload_nombuf", "rx_ring_full"]
 STATS_FIELDS = ("pkts bytes missed_pkts pkt_undersize pkt_64 pkt_65_to_127 pkt_128_to_255 "
                 "pkt_256_to_511 pkt_512_to_1023 pkt_1024_to_1522 pkt_1523_to_max "
                 "broadcast_pkt multicast_pkt unicast_pkt").split()

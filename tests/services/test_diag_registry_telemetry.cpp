@@ -502,7 +502,7 @@ TEST_F(DiagTelemetry, CpStatsReportsEveryControlPlaneCounterByName)
 	JsonPtr j = client_.Query("/zorv1/cp_stats");
 	g_dpdk_cp_stat = saved;
 	ASSERT_TRUE(json_is_object(j.get())) << TelemetryClient::Dump(j.get());
-	EXPECT_EQ(json_object_size(j.get()), 54u);
+	EXPECT_EQ(json_object_size(j.get()), 55u);
 	const std::set<std::string> names = {
 		"set_owner_fail", "set_owner_suc", "cache_start_flag_err", "enqueue_dev_null",
 		"enqueue_queue_fail", "enqueue_vhost_len_fail", "enqueue_fail", "dequeue_dev_null",
@@ -517,7 +517,8 @@ TEST_F(DiagTelemetry, CpStatsReportsEveryControlPlaneCounterByName)
 		"eth_dev_stop", "flow_start_fail", "flow_close_fail", "start_dev_intr",
 		"eth_dev_start", "send_msg_fail", "get_ethdev_fail",
 		/* the card's totals */
-		"rx_mtu_drops", "tx_mtu_drops", "peers_refused", "rx_csum_completed", "rx_gso_frames",
+		"rx_mtu_drops", "tx_mtu_drops", "peers_refused", "peers_cut", "rx_csum_completed",
+		"rx_gso_frames",
 		"rx_gso_segments", "rx_offload_bad", "rx_offload_nombuf", "rx_ring_full"};
 	EXPECT_EQ(Keys(j.get()), names);
 	EXPECT_EQ(Int(j.get(), "set_owner_fail"), 1);
@@ -617,6 +618,7 @@ TEST_F(DiagTelemetry, ARealPortAnswersThroughTheDriversTable)
 	EXPECT_GE(Int(card.get(), "sfi"), 1);
 	EXPECT_EQ(Int(card.get(), "vid"), -1);
 	EXPECT_EQ(Int(card.get(), "peers_refused"), 0);
+	EXPECT_EQ(Int(card.get(), "peers_cut"), 0);
 	EXPECT_EQ(Int(card.get(), "mtu"), 0);
 	EXPECT_EQ(Int(card.get(), "mtu_min"), 68);
 	EXPECT_EQ(Int(card.get(), "mtu_max"), 9600);

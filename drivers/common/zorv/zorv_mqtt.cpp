@@ -92,6 +92,7 @@ private:
 	bool start_locked();
 	void wait_first_attempt(std::chrono::steady_clock::time_point deadline);
 	void attempt_done();
+	bool stopped();
 	bool stopping();
 	bool back_off(unsigned int delay_ms);
 	void begin_attempt();
@@ -137,6 +138,8 @@ private:
 	std::atomic<unsigned int> accepted_{0};
 	/* The first connection attempt of the client has not ended yet. */
 	std::atomic<bool> first_pending_{false};
+	/* Shutdown has begun: the network thread sends the goodbye, then ends. */
+	std::atomic<bool> leaving_{false};
 };
 
 /*
@@ -314,10 +317,16 @@ bool mqtt_agent::setup_client(struct mosquitto *mosq)
 	return true;
 }
 
-bool mqtt_agent::stopping()
+/* The agent is being shut down: past the goodbye (stopped) or before it. */
+bool mqtt_agent::stopped()
 {
 	std::lock_guard<std::mutex> lk(life_mu_);
 	return state_ != agent_state::running;
+}
+
+bool mqtt_agent::stopping()
+{
+	return leaving_ || stopped();
 }
 
 /* Wait delay_ms, looking every 100 ms whether the agent stops; false if it does. */
@@ -348,7 +357,8 @@ void mqtt_agent::run(struct mosquitto *mosq)
 	for (;;) {
 		unsigned int accepted = accepted_;
 
-		while (rc == MOSQ_ERR_SUCCESS && !stopping())
+		/* Leaving, the loop still sends the goodbye until the socket closes. */
+		while (rc == MOSQ_ERR_SUCCESS && !stopped())
 			rc = mosquitto_loop(mosq, loop_timeout_ms, 1);
 		int err = errno;
 		if (stopping())
@@ -437,6 +447,7 @@ bool mqtt_agent::start_locked()
 	forget_why();
 
 	connected_ = false;
+	leaving_ = false;
 	first_pending_ = true;
 	first_deadline_ = std::chrono::steady_clock::now() +
 			  std::chrono::milliseconds(ZORV1_MQTT_FIRST_WAIT_MS);
@@ -513,17 +524,21 @@ void mqtt_agent::shutdown()
 			setup_failed_ = false; /* the next client reads the configuration again */
 			return;
 		}
-		state_ = agent_state::stopping;
 		join = net_joinable_;
 		net_joinable_ = false;
 		mosq = mosq_;
 	}
 
+	leaving_ = true;
 	if (mosq != nullptr && connected_) {
-		/* Wakes the network thread, which sends the goodbye and sees the stop. */
+		/* Wakes the network thread, which sends the goodbye. */
 		mosquitto_disconnect(mosq);
 		std::unique_lock<std::mutex> lk(ev_mu_);
 		ev_cv_.wait_for(lk, disconnect_grace, [this] { return !connected_; });
+	}
+	{
+		std::lock_guard<std::mutex> lk(life_mu_);
+		state_ = agent_state::stopping;
 	}
 	/* The network thread looks at the state at least every loop_timeout_ms. */
 	if (join)

@@ -359,7 +359,7 @@ uint16_t rte_zorv1_vhost_dequeue_burst(struct zorv1_vdev_rxq *rxq, struct rte_mb
 	}
 
 	struct zorv1_internal *internal = rxq->internal;
-	int vid = internal->vid;
+	int vid = __atomic_load_n(&internal->vid, __ATOMIC_RELAXED); /* written by the event thread */
 	card_conn *c = live_conn(vid);
 	if (unlikely(c == nullptr || c->internal.load(std::memory_order_acquire) != internal)) {
 		g_dpdk_cp_stat.dequeue_dev_null++;
@@ -394,7 +394,7 @@ uint16_t rte_zorv1_vhost_enqueue_burst(struct zorv1_vdev_txq *txq, struct rte_mb
 				       uint16_t count)
 {
 	struct zorv1_internal *internal = txq->internal;
-	int vid = internal->vid;
+	int vid = __atomic_load_n(&internal->vid, __ATOMIC_RELAXED);
 	card_conn *c = live_conn(vid);
 	if (unlikely(c == nullptr || c->internal.load(std::memory_order_acquire) != internal)) {
 		g_dpdk_cp_stat.enqueue_dev_null++;

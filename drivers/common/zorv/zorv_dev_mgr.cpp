@@ -173,7 +173,7 @@ struct rte_eth_dev *zorv1_dev_get_ethdev_by_sfi(uint32_t sfi)
 		if (dev == NULL || dev->data == NULL || dev->data->dev_private == NULL)
 			continue;
 		auto *internal = static_cast<struct zorv1_internal *>(dev->data->dev_private);
-		if (internal->sfi == sfi)
+		if (__atomic_load_n(&internal->sfi, __ATOMIC_RELAXED) == sfi)
 			return dev;
 	}
 	return NULL;

@@ -176,6 +176,23 @@ static inline struct zorv1_internal *zorv1_dev_internal(const struct rte_eth_dev
 }
 
 /*
+ * The port record's started, vid and sfi are written by the control thread
+ * and the transport's threads and read by others (gate updates, lookups,
+ * diagnostics) with no lock in common. They stay plain fields of the record;
+ * once the port exists every access is a relaxed atomic one (a plain move on
+ * x86), so that a reader sees whole values and the program has no data race.
+ */
+template <typename T> static inline T shared_read(const T &field)
+{
+	return __atomic_load_n(&field, __ATOMIC_RELAXED);
+}
+
+template <typename T> static inline void shared_write(T &field, T value)
+{
+	__atomic_store_n(&field, value, __ATOMIC_RELAXED);
+}
+
+/*
  * The installed ports of the device manager's table, in slot order (0 to
  * ZORV1_DEV_MAX - 1), empty slots skipped, each slot read once:
  *	for (struct rte_eth_dev *dev : zorv1_ports(ZORV1_WALK_LOCK)) ...
@@ -249,7 +266,7 @@ extern "C" struct rte_eth_dev *zorv1_dev_get_ethdev_by_vid(int vid)
 {
 	for (struct rte_eth_dev *dev : zorv1_ports(ZORV1_WALK_LOCK)) {
 		struct zorv1_internal *internal = zorv1_dev_internal(dev);
-		if (internal != NULL && internal->vid == vid)
+		if (internal != NULL && shared_read(internal->vid) == vid)
 			return dev;
 	}
 	return NULL;
@@ -306,7 +323,7 @@ extern "C" uint32_t zorv1_get_internal_sfi(int vid)
 		ZORV1_VDEV_LOG(ERR, "device:vid=%d get internal null\n", vid);
 		return INVALID_SFI;
 	}
-	return internal->sfi;
+	return shared_read(internal->sfi);
 }
 
 extern "C" void zorv1_set_internal_sfi(int vid, uint32_t sfi)
@@ -323,7 +340,7 @@ extern "C" void zorv1_set_internal_sfi(int vid, uint32_t sfi)
 		return;
 	}
 	ZORV1_VDEV_LOG(INFO, "set_internal_sfi,vid=%d,sfi=%d\n", vid, sfi);
-	internal->sfi = sfi;
+	shared_write(internal->sfi, sfi);
 	if (sfi != INVALID_SFI) {
 		/* The binding is kept even when the flow engine refuses it. */
 		int ret = zorv_set_dev_port(dev, sfi);
@@ -521,7 +538,8 @@ extern "C" void zorv1_update_queuing_status(struct rte_eth_dev *dev, bool need_w
 		return;
 
 	/* A bound hardware function, not the connection id, is what counts. */
-	int32_t allow_queuing = (internal->started != 0 && internal->sfi != INVALID_SFI) ? 1 : 0;
+	int32_t allow_queuing =
+		(shared_read(internal->started) != 0 && shared_read(internal->sfi) != INVALID_SFI) ? 1 : 0;
 
 	uint64_t tsc1 = rte_rdtsc();
 	for (uint16_t i = 0; i < data->nb_rx_queues; i++) {
@@ -540,7 +558,11 @@ extern "C" void zorv1_update_queuing_status(struct rte_eth_dev *dev, bool need_w
 				     need_waiting);
 	}
 
-	data->dev_link.link_status = allow_queuing;
+	/* One word, as ethdev reads it: the control and event threads both update it. */
+	struct rte_eth_link link;
+	rte_eth_linkstatus_get(dev, &link);
+	link.link_status = allow_queuing;
+	rte_eth_linkstatus_set(dev, &link);
 	rte_eth_dev_callback_process(dev, RTE_ETH_EVENT_INTR_LSC, NULL);
 
 	uint64_t tsc3 = rte_rdtsc();
@@ -556,7 +578,7 @@ extern "C" void zorv1_dev_disable_all_txq_queuing(void)
 		for (uint16_t j = 0; j < dev->data->nb_tx_queues; j++) {
 			auto *txq = static_cast<struct zorv1_vdev_txq *>(dev->data->tx_queues[j]);
 			gate_store_and_drain(&txq->allow_queuing, &txq->while_queuing, 0, true);
-			ZORV1_VDEV_LOG(DEBUG, "disable vid %d txq %d.\n\n", txq->internal->vid, j);
+			ZORV1_VDEV_LOG(DEBUG, "disable vid %d txq %d.\n\n", shared_read(txq->internal->vid), j);
 		}
 	}
 }
@@ -568,7 +590,8 @@ extern "C" void zorv1_dev_enable_all_txq_queuing(void)
 		for (uint16_t j = 0; j < dev->data->nb_tx_queues; j++) {
 			auto *txq = static_cast<struct zorv1_vdev_txq *>(dev->data->tx_queues[j]);
 			gate_set(&txq->allow_queuing, 1);
-			ZORV1_VDEV_LOG(DEBUG, "enable vid %d txq %d.\n\n", zorv1_dev_internal(dev)->vid, j);
+			ZORV1_VDEV_LOG(DEBUG, "enable vid %d txq %d.\n\n",
+				       shared_read(zorv1_dev_internal(dev)->vid), j);
 		}
 	}
 }
@@ -580,8 +603,9 @@ extern "C" void zorv1_dev_update_pci_hash(void)
 		struct zorv1_internal *internal = zorv1_dev_internal(dev);
 		for (uint16_t j = 0; j < dev->data->nb_tx_queues; j++) {
 			auto *txq = static_cast<struct zorv1_vdev_txq *>(dev->data->tx_queues[j]);
-			txq->pci_qid = zorv1_pci_get_idx_by_hash(internal->vid, j);
-			ZORV1_VDEV_LOG(DEBUG, "update vid %d txq %d  hash to q %d.\n", internal->vid, j,
+			int vid = shared_read(internal->vid);
+			txq->pci_qid = zorv1_pci_get_idx_by_hash(vid, j);
+			ZORV1_VDEV_LOG(DEBUG, "update vid %d txq %d  hash to q %d.\n", vid, j,
 				       txq->pci_qid);
 		}
 	}
@@ -602,8 +626,8 @@ extern "C" void zorv1_eth_ts_log(uint64_t tsc1, struct zorv1_vdev_rxq *r, struct
 		if (zorv1_log_debug_on(zorv1_pci_logtype_perf))
 			rte_log(RTE_LOG_DEBUG, zorv1_pci_logtype_perf,
 				ZORV1_LOG_PREFIX "zorv1-ts: [%d] eth_rx:%3luus, %lu, %p, %3d, %3d, %2d\n",
-				g_timestap_cnt, t1, tsc2, buf->buf_addr, r->internal->sfi,
-				r->internal->vid, r->virtqueue_id);
+				g_timestap_cnt, t1, tsc2, buf->buf_addr, shared_read(r->internal->sfi),
+				shared_read(r->internal->vid), r->virtqueue_id);
 	}
 	g_timestap_cnt++;
 }
@@ -879,7 +903,7 @@ extern "C" int eth_rx_queue_setup(struct rte_eth_dev *dev, uint16_t rx_queue_id,
 	rxq->local_id = zorv1_ring_create(ZORV1_RXQ_RING_SIZE);
 	if (rxq->local_id == -1) {
 		/* Prints the connection id and the port id. */
-		ZORV1_VDEV_LOG(ERR, "create zorv1 ring failed,dev=%d,q=%d\n", internal->vid,
+		ZORV1_VDEV_LOG(ERR, "create zorv1 ring failed,dev=%d,q=%d\n", shared_read(internal->vid),
 			       rxq->port);
 		ZORV1_REPORT(ZORV1_MSG_QUE_SETUP_ERR, ZORV1_ERR_CACHE_RING, zorv1_dev_name(dev),
 			     internal->iface_name, internal->max_queues);
@@ -1074,7 +1098,7 @@ extern "C" int zorv1_vdev_get_monitor_addr(void *rx_queue, struct rte_power_moni
 
 	if (rxq == NULL || rxq->internal == NULL)
 		return -EINVAL;
-	int vid = rxq->internal->vid;
+	int vid = shared_read(rxq->internal->vid);
 	if (vid < 0 || vid >= ZORV1_MAX_VID)
 		return -EINVAL;
 
@@ -1167,7 +1191,7 @@ extern "C" int eth_dev_start(struct rte_eth_dev *eth_dev)
 {
 	struct zorv1_internal *internal = zorv1_dev_internal(eth_dev);
 
-	internal->started = 1; /* read by the gate update */
+	shared_write(internal->started, 1); /* read by the gate update */
 	zorv1_update_queuing_status(eth_dev, false);
 	zorv1_set_queue_states(eth_dev, RTE_ETH_QUEUE_STATE_STARTED);
 	g_dpdk_cp_stat.eth_dev_start++;
@@ -1178,7 +1202,7 @@ extern "C" int eth_dev_stop(struct rte_eth_dev *dev)
 {
 	struct zorv1_internal *internal = zorv1_dev_internal(dev);
 
-	internal->started = 0; /* read by the gate update */
+	shared_write(internal->started, 0); /* read by the gate update */
 	zorv1_update_queuing_status(dev, true);
 	zorv1_set_queue_states(dev, RTE_ETH_QUEUE_STATE_STOPPED);
 	g_dpdk_cp_stat.eth_dev_stop++;
@@ -1323,14 +1347,14 @@ extern "C" int zorv1_vnet_ring_info(char *name, int qid, struct zorv1_vnet_diag_
 	int local_id = -1;
 
 	if (dev != NULL)
-		local_id = zorv1_get_dev_queue_local_id(zorv1_dev_internal(dev)->vid, qid);
+		local_id = zorv1_get_dev_queue_local_id(shared_read(zorv1_dev_internal(dev)->vid), qid);
 	if (dev == NULL || local_id < 0)
 		return -1;
 	struct rte_ring *ring = zorv1_get_ring_by_local_id(local_id);
 	if (ring == NULL)
 		return -1;
 
-	info->vid = zorv1_dev_internal(dev)->vid;
+	info->vid = shared_read(zorv1_dev_internal(dev)->vid);
 	info->qid = qid;
 	info->local_id = local_id;
 	snprintf(info->name, sizeof(info->name), "%s", ring->name);
@@ -1353,9 +1377,9 @@ extern "C" int zorv1_collect_vdev_port_info(struct rte_eth_dev *port,
 	struct zorv1_internal *internal = zorv1_dev_internal(port);
 
 	elem->portid = port->data->port_id;
-	elem->vid = (uint32_t)internal->vid;
-	elem->sfi = internal->sfi;
-	elem->start_flag = internal->started;
+	elem->vid = (uint32_t)shared_read(internal->vid);
+	elem->sfi = shared_read(internal->sfi);
+	elem->start_flag = shared_read(internal->started);
 	snprintf(elem->name, sizeof(elem->name), "%s", port->data->name);
 	info->num++;
 	return 0;
@@ -1440,7 +1464,7 @@ extern "C" int zorv1_diag_get_queueinfo(char *name, int qid, struct zorv1_diag_q
 		elem->valid = 0;
 	} else if (is_tx) {
 		auto *txq = static_cast<struct zorv1_vdev_txq *>(queue);
-		elem->vid = txq->internal->vid;
+		elem->vid = shared_read(txq->internal->vid);
 		elem->allow_queuing = gate_read(&txq->allow_queuing);
 		elem->while_queuing = gate_read(&txq->while_queuing);
 		elem->port = txq->port;
@@ -1449,7 +1473,7 @@ extern "C" int zorv1_diag_get_queueinfo(char *name, int qid, struct zorv1_diag_q
 		elem->valid = 1;
 	} else {
 		auto *rxq = static_cast<struct zorv1_vdev_rxq *>(queue);
-		elem->vid = rxq->internal->vid;
+		elem->vid = shared_read(rxq->internal->vid);
 		elem->allow_queuing = gate_read(&rxq->allow_queuing);
 		elem->while_queuing = gate_read(&rxq->while_queuing);
 		elem->port = rxq->port;
@@ -1500,14 +1524,14 @@ extern "C" int zorv1_dpu_vdev_new_conn(int vid)
 	}
 
 	struct zorv1_internal *internal = zorv1_dev_internal(dev);
-	internal->vid = vid;
+	shared_write(internal->vid, vid);
 	for (uint16_t i = 0; i < dev->data->nb_tx_queues; i++) {
 		auto *txq = static_cast<struct zorv1_vdev_txq *>(dev->data->tx_queues[i]);
 		if (txq == NULL) {
 			ZORV1_VDEV_LOG(ERR, "txq null,vid=%d,qid=%d.\n", vid, i);
 			continue;
 		}
-		txq->pci_qid = zorv1_pci_get_idx_by_hash_locked(internal->vid, i);
+		txq->pci_qid = zorv1_pci_get_idx_by_hash_locked(shared_read(internal->vid), i);
 	}
 	g_dpdk_cp_stat.new_conn++;
 	return 0;
@@ -1559,7 +1583,7 @@ extern "C" int zorv1_set_dev_port_callback(void *para)
 		return -1;
 	}
 	struct zorv1_internal *internal = zorv1_dev_internal(port);
-	return zorv_set_dev_port(port, internal->sfi);
+	return zorv_set_dev_port(port, shared_read(internal->sfi));
 }
 
 /* Run cb over every installed port with a bound function, under the mutex. */
@@ -1571,7 +1595,7 @@ extern "C" void zorv1_dev_all_port_op(zorv1_common_op_callback cb)
 	}
 	for (struct rte_eth_dev *dev : zorv1_ports(ZORV1_WALK_LOCK)) {
 		struct zorv1_internal *internal = zorv1_dev_internal(dev);
-		if (internal != NULL && internal->sfi != INVALID_SFI)
+		if (internal != NULL && shared_read(internal->sfi) != INVALID_SFI)
 			(void)cb(dev);
 	}
 }

@@ -43,6 +43,7 @@
 #include "zorv_dev_mgr_internal.h"
 #include "zorv_fw.h"
 #include "zorv_vhost_card.h"
+#include "zorv_test_ethdev.h"
 #include "zorv_test_harness.h"
 
 /* The vhost library and virtio-user narrate every message at INFO; keep warnings. */
@@ -53,6 +54,10 @@ std::vector<std::string> zorv_test::ExtraEalArgs()
 
 namespace {
 
+using zorv_test::LinkUp;
+using zorv_test::SendAll;
+using zorv_test::StartPort;
+using zorv_test::WaitFor;
 using Bytes = std::vector<uint8_t>;
 
 constexpr uint64_t kGuestCsum = 1ULL << 1;
@@ -105,17 +110,6 @@ int BindSocket(const std::string &path, bool listen_too)
 		return -1;
 	}
 	return fd;
-}
-
-bool WaitFor(const std::function<bool()> &cond, int ms = 5000)
-{
-	auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-	while (std::chrono::steady_clock::now() < end) {
-		if (cond())
-			return true;
-		std::this_thread::sleep_for(std::chrono::milliseconds(2));
-	}
-	return cond();
 }
 
 /* ---- Frames and the test's own checksums ---- */
@@ -509,38 +503,6 @@ struct rte_eth_dev_data *DevData(uint16_t port)
 struct zorv1_internal *Internal(uint16_t port)
 {
 	return static_cast<struct zorv1_internal *>(DevData(port)->dev_private);
-}
-
-bool LinkUp(uint16_t port)
-{
-	struct rte_eth_link link = {};
-	return rte_eth_link_get_nowait(port, &link) == 0 && link.link_status == RTE_ETH_LINK_UP;
-}
-
-int StartPort(uint16_t port, uint16_t queues, struct rte_mempool *pool, uint64_t rx_offloads,
-	      uint64_t tx_offloads, uint16_t nb_desc)
-{
-	struct rte_eth_conf conf = {};
-	conf.rxmode.offloads = rx_offloads;
-	conf.txmode.offloads = tx_offloads;
-	int ret = rte_eth_dev_configure(port, queues, queues, &conf);
-	for (uint16_t q = 0; ret == 0 && q < queues; q++) {
-		ret = rte_eth_rx_queue_setup(port, q, nb_desc, rte_socket_id(), nullptr, pool);
-		if (ret == 0)
-			ret = rte_eth_tx_queue_setup(port, q, nb_desc, rte_socket_id(), nullptr);
-	}
-	return ret == 0 ? rte_eth_dev_start(port) : ret;
-}
-
-/* Send all of pkts (retrying what the queue did not take) within a time limit. */
-uint16_t SendAll(uint16_t port, uint16_t q, struct rte_mbuf **pkts, uint16_t n)
-{
-	uint16_t sent = 0;
-	WaitFor([&] {
-		sent += rte_eth_tx_burst(port, q, pkts + sent, n - sent);
-		return sent == n;
-	});
-	return sent;
 }
 
 std::vector<struct rte_mbuf *> ReceiveN(uint16_t port, uint16_t q, size_t n, int ms = 3000)
@@ -2018,6 +1980,32 @@ TEST_F(CardPeer, ClosingThePortWhileConnectedDropsTheConnectionAndItsMbufs)
 	EXPECT_EQ(zorv_card_iface_sfi(iface_.c_str()), INVALID_SFI);
 	EXPECT_EQ(zorv_card_iface_count(), ifaces_);
 	Drain(peer_, 0);
+}
+
+/*
+ * The vhost library's unregister waits for its event thread to leave the
+ * socket's callbacks, and those reach the port through entry points that
+ * take the family mutex. So the close lets go of its interface (peers cut
+ * off, socket gone) before it takes the mutex to unregister: with the
+ * mutex held elsewhere, the close gets that far and no further.
+ */
+TEST_F(CardPeer, TheCloseLetsGoOfTheInterfaceBeforeItTakesTheFamilyMutex)
+{
+	zorv1_dev_mutex_lock();
+	std::atomic<bool> closed{false};
+	std::thread closer([&] {
+		ClosePort();
+		closed = true;
+	});
+	EXPECT_TRUE(WaitFor([&] { return !Exists(sock_); }, 5000))
+		<< "the socket is still served while the close waits for the mutex";
+	EXPECT_TRUE(WaitFor([&] { return !LinkUp(port_); }, 5000));
+	EXPECT_FALSE(closed.load()) << "the close did not wait for the mutex";
+	zorv1_dev_mutex_unlock();
+	EXPECT_TRUE(WaitFor([&] { return closed.load(); }, 10000));
+	closer.join();
+	EXPECT_EQ(zorv_card_iface_count(), ifaces_);
+	DetachPeer();
 }
 
 /*

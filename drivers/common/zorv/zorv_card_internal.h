@@ -71,12 +71,15 @@ struct card_conn {
 	bool rx_offloads;                       /* the peer may send checksum/GSO requests */
 	uint16_t nb_txq;                        /* entries of txq */
 	struct card_txq_hold *txq;              /* per queue pair */
-	bool ready_reported;                    /* queues reported ready to the port */
+	std::atomic<bool> ready_reported;       /* queues reported ready to the port */
+	std::atomic<uint32_t> gen;              /* changes at every connect and release */
+	std::atomic<bool> check_pending;        /* a readiness check is scheduled */
+	std::atomic<bool> last_enable;          /* what the last virtqueue change was */
 };
 
 /* One vhost device (socket connection), indexed by the library's device id. */
 struct card_dev {
-	std::array<uint64_t, MAX_VRINGS / 64> vring_on; /* enabled virtqueues */
+	std::array<std::atomic<uint64_t>, MAX_VRINGS / 64> vring_on; /* enabled virtqueues */
 	int conn = -1;                                  /* connection id, or -1 */
 	/*
 	 * A second descriptor of the connection's socket, so that when the

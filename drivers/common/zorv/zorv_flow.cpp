@@ -593,12 +593,27 @@ int zorv_flow_resource_init(struct rte_eth_dev *dev, int enable)
  * first). Freeing a port that has none is not an error: 0. -EINVAL only
  * without a port record.
  */
+/*
+ * Freeing the port's flow resources is the first thing the port's close
+ * does with the family before it takes the family mutex to unregister its
+ * interface: the card lets go of the interface here (zorv_vhost_card.h,
+ * "Unregistering"). A build of the flow engine without the card (its own
+ * tests) has nothing to let go of.
+ */
+extern "C" __attribute__((weak)) int zorv_card_iface_release(const char *iface)
+{
+	(void)iface;
+	return -1;
+}
+
 int zorv_flow_resource_free(struct rte_eth_dev *dev)
 {
 	struct zorv1_internal *internal = zorv_flow::internal_of(dev);
 
 	if (internal == NULL)
 		return -EINVAL;
+	if (internal->iface_name != NULL)
+		zorv_card_iface_release(internal->iface_name);
 
 	struct zorv_flow_priv *priv = &internal->comm.flow_data;
 	auto *ctx = static_cast<struct zorv_flow_ctx *>(priv->ctx);

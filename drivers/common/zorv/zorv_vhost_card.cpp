@@ -28,6 +28,8 @@
 #include <atomic>
 
 #include <ethdev_driver.h>
+#include <rte_alarm.h>
+#include <rte_cycles.h>
 #include <rte_errno.h>
 #include <rte_malloc.h>
 #include <rte_mempool.h>
@@ -76,6 +78,7 @@ struct card_iface {
 	uint64_t peers_refused;     /* connections refused while a peer was on */
 	uint64_t peers_cut;         /* peers whose connection the card ended */
 	bool cut_logged;            /* a cut was logged; no device since */
+	bool released;              /* no longer served; the slot waits for unregister */
 };
 
 pthread_mutex_t card_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -132,9 +135,10 @@ card_conn *conn_of_dev(int dev)
 	return c->live.load(std::memory_order_acquire) ? c : nullptr;
 }
 
-bool vring_is_on(const card_conn *c, unsigned int v)
+bool vring_is_on(int dev, unsigned int v)
 {
-	return v < MAX_VRINGS && (devs[c->dev].vring_on[v / 64] >> (v % 64) & 1) != 0;
+	return dev >= 0 && dev < RTE_MAX_VHOST_DEVICE && v < MAX_VRINGS &&
+	       (devs[dev].vring_on[v / 64].load(std::memory_order_relaxed) >> (v % 64) & 1) != 0;
 }
 
 /* Forget a connection on the card's side; the port no longer uses it. */
@@ -150,18 +154,20 @@ void conn_release(int vid, card_conn *c)
 	c->nb_txq = 0;
 	c->internal.store(nullptr, std::memory_order_relaxed);
 	c->ready_reported = false;
+	c->gen.fetch_add(1);
 	c->features.store(0, std::memory_order_relaxed);
 	c->rx_offloads = false;
 	if (c->dev >= 0 && devs[c->dev].conn == vid)
 		devs[c->dev].conn = -1;
-	c->dev = -1;
 
 	{
+		/* Under the card's mutex: a readiness check reads them under it. */
 		card_lock lock;
 		if (c->slot >= 0 && ifaces[c->slot].used && ifaces[c->slot].vid == vid)
 			ifaces[c->slot].vid = -1;
+		c->dev = -1;
+		c->slot = -1;
 	}
-	c->slot = -1;
 	c->sfi = INVALID_SFI;
 	c->used.store(false, std::memory_order_release);
 }
@@ -172,48 +178,108 @@ void conn_release(int vid, card_conn *c)
  * transmit queue i writes its receive virtqueue 2i. A peer with fewer queue
  * pairs than the port is ready once its own pairs are.
  */
-bool conn_queues_ready(int vid, const card_conn *c)
+bool conn_queues_ready(int vid, int vdev)
 {
 	struct rte_eth_dev *dev = zorv1_dev_get_ethdev_by_vid(vid);
 	if (dev == nullptr || dev->data == nullptr)
 		return false;
-	uint16_t pairs = rte_vhost_get_vring_num(c->dev) / ZORV1_QNUM;
+	uint16_t pairs = rte_vhost_get_vring_num(vdev) / ZORV1_QNUM;
 	uint16_t nb_rx = std::min(dev->data->nb_rx_queues, pairs);
 	uint16_t nb_tx = std::min(dev->data->nb_tx_queues, pairs);
 	if (nb_rx == 0 && nb_tx == 0)
 		return false;
 	for (uint16_t i = 0; i < nb_rx; i++)
-		if (!vring_is_on(c, i * ZORV1_QNUM + ZORV1_TXQ))
+		if (!vring_is_on(vdev, i * ZORV1_QNUM + ZORV1_TXQ))
 			return false;
 	for (uint16_t i = 0; i < nb_tx; i++)
-		if (!vring_is_on(c, i * ZORV1_QNUM + ZORV1_RXQ))
+		if (!vring_is_on(vdev, i * ZORV1_QNUM + ZORV1_RXQ))
 			return false;
 	return true;
 }
 
 /*
  * Tell the port when its queues become ready. A virtqueue that goes off is
- * only noted, and the port told again once all are back: the vhost library
- * calls vring_state_changed with the device's virtqueue locks held, so the
- * port's queue destroy, which waits for the bursts to leave its queues,
- * would wait for a burst spinning on one of those locks. The bursts need no
- * draining here: the library refuses a disabled virtqueue on its own, and
- * the card frees nothing of a queue before the connection is destroyed
- * (whose teardown drains the port's gates from a context without the locks).
+ * only noted, and the port told again once all are back: the port's queue
+ * destroy waits for the bursts to leave its queues, and a burst may be
+ * spinning on a virtqueue lock of the device. The bursts need no draining
+ * here: the library refuses a disabled virtqueue on its own, and the card
+ * frees nothing of a queue before the connection is destroyed (whose
+ * teardown drains the port's gates). Runs without the virtqueue locks (see
+ * card_vring_state_changed).
  */
-void conn_update_ready(int vid, card_conn *c, bool enable)
+void conn_update_ready(int vid, card_conn *c, int vdev, bool enable)
 {
-	bool ready = conn_queues_ready(vid, c);
-	if (ready && !c->ready_reported) {
-		c->ready_reported = true;
+	bool ready = conn_queues_ready(vid, vdev);
+	if (ready && !c->ready_reported.exchange(true)) {
 		zorv1_dpu_dev_queue_setup(vid);
-	} else if (!ready && c->ready_reported) {
-		c->ready_reported = false;
+	} else if (!ready && c->ready_reported.exchange(false)) {
 		ZORV1_VDEV_LOG(INFO, "vid %d: a queue of the port went off\n", vid);
 	} else if (enable) {
 		g_dpdk_cp_stat.queue_setup_ignore++;
 	} else {
 		g_dpdk_cp_stat.queue_destroy_ignore++;
+	}
+}
+
+/* Slot of the interface a readiness check is running for, or -1. */
+int check_running_slot = -1; /* under card_mutex */
+
+/*
+ * A connection's virtqueues changed: look at its readiness on the EAL
+ * interrupt thread (an alarm due at once). The vhost library reports the
+ * change with every virtqueue lock of the device held; the port's queue
+ * setup takes the family mutex, and a family module holding that mutex may
+ * be waiting for a burst that spins on one of those locks (the device-wide
+ * transmit disable drains every transmit queue under it). Changes that come
+ * while a check is pending are looked at by that check.
+ */
+void ready_check(void *arg)
+{
+	auto packed = reinterpret_cast<uintptr_t>(arg);
+	int vid = static_cast<int>(packed & 0xffff);
+	uint32_t gen = static_cast<uint32_t>(packed >> 16);
+	card_conn *c = &conns[vid];
+
+	int vdev;
+	c->check_pending = false;
+	{
+		card_lock lock;
+		if (!c->live.load(std::memory_order_acquire) || c->gen.load() != gen ||
+		    c->slot < 0 || !ifaces[c->slot].used || ifaces[c->slot].closing)
+			return;
+		/* An interface being closed waits for this check to end. */
+		check_running_slot = c->slot;
+		vdev = c->dev;
+	}
+	conn_update_ready(vid, c, vdev, c->last_enable.load());
+	card_lock lock;
+	check_running_slot = -1;
+}
+
+void schedule_ready_check(int vid, card_conn *c)
+{
+	if (c->check_pending.exchange(true))
+		return;
+	uintptr_t packed = static_cast<uintptr_t>(vid) |
+			   static_cast<uintptr_t>(c->gen.load()) << 16;
+	int ret = rte_eal_alarm_set(1, ready_check, reinterpret_cast<void *>(packed));
+	if (ret != 0) {
+		c->check_pending = false;
+		ZORV1_VDEV_LOG(ERR, "vid %d: readiness check not scheduled: %s\n", vid,
+			       strerror(-ret));
+	}
+}
+
+/* Wait until no readiness check runs for the interface of slot. */
+void wait_ready_checks(int slot)
+{
+	for (;;) {
+		{
+			card_lock lock;
+			if (check_running_slot != slot)
+				return;
+		}
+		rte_delay_us_sleep(100);
 	}
 }
 
@@ -403,7 +469,8 @@ int card_new_connection(int dev)
 		return -1;
 	card_dev *d = dev_of(dev);
 	if (d != nullptr) {
-		d->vring_on.fill(0);
+		for (auto &w : d->vring_on)
+			w.store(0, std::memory_order_relaxed);
 		d->conn = -1;
 	}
 	char path[PATH_MAX] = "";
@@ -420,7 +487,8 @@ void card_destroy_connection(int dev)
 {
 	card_dev *d = dev_of(dev);
 	if (d != nullptr) {
-		d->vring_on.fill(0);
+		for (auto &w : d->vring_on)
+			w.store(0, std::memory_order_relaxed);
 		note_end_of_peer(d);
 	}
 	peer_left(dev);
@@ -511,16 +579,16 @@ int card_new_device(int dev)
 	{
 		card_lock lock;
 		ifaces[slot].vid = vid;
+		c->dev = dev;
+		c->slot = slot;
 	}
-
-	c->dev = dev;
-	c->slot = slot;
 	c->sfi = static_cast<uint32_t>(slot) + ZORV_CARD_SFI_MIN;
 	c->features.store(features, std::memory_order_relaxed);
 	c->rx_offloads = peer_offloads(features);
 	c->nb_txq = nb_txq;
 	c->txq = txq;
 	c->ready_reported = false;
+	c->gen.fetch_add(1);
 	c->internal.store(nullptr, std::memory_order_relaxed);
 	c->nr_vring.store(nr_vring, std::memory_order_relaxed);
 	d->conn = vid;
@@ -554,8 +622,7 @@ int card_new_device(int dev)
 		       " vrings %u\n",
 		       name, vid, dev, c->sfi, features, nr_vring);
 
-	if (conn_queues_ready(vid, c)) {
-		c->ready_reported = true;
+	if (conn_queues_ready(vid, dev) && !c->ready_reported.exchange(true)) {
 		zorv1_dpu_dev_queue_setup(vid);
 	} else {
 		g_dpdk_cp_stat.add_device_vq_no_ready++;
@@ -601,9 +668,9 @@ int card_vring_state_changed(int dev, uint16_t queue, int enable)
 	}
 	uint64_t bit = 1ULL << (queue % 64);
 	if (enable)
-		d->vring_on[queue / 64] |= bit;
+		d->vring_on[queue / 64].fetch_or(bit, std::memory_order_relaxed);
 	else
-		d->vring_on[queue / 64] &= ~bit;
+		d->vring_on[queue / 64].fetch_and(~bit, std::memory_order_relaxed);
 
 	/* Before the device is running, new_device looks at the states. */
 	card_conn *c = conn_of_dev(dev);
@@ -616,7 +683,8 @@ int card_vring_state_changed(int dev, uint16_t queue, int enable)
 		ZORV1_VDEV_LOG(WARNING, "vid %d grew to %u virtqueues; transmit uses the first %u pairs\n",
 			       d->conn, nr_vring, c->nb_txq);
 	c->nr_vring.store(nr_vring, std::memory_order_relaxed);
-	conn_update_ready(d->conn, c, enable != 0);
+	c->last_enable = enable != 0;
+	schedule_ready_check(d->conn, c);
 	return 0;
 }
 
@@ -805,23 +873,19 @@ int zorv1_dpu_vdev_protocol_register(char *iface)
 	return 0;
 }
 
-int zorv1_dpu_vdev_protocol_unregister(char *iface)
+/*
+ * Stop serving the interface of slot (whose socket is at path): the peers
+ * are cut off, the vhost library lets the socket go, and what the card held
+ * for the interface's connections is dropped. The slot stays taken.
+ */
+static void release_iface(int slot, const char *iface, const char *path)
 {
-	char path[SOCK_PATH_MAX];
-	int slot;
-
-	if (iface == nullptr)
-		return -1;
 	{
 		card_lock lock;
-		slot = find_iface_locked(iface, nullptr);
-		if (slot < 0) {
-			ZORV1_VDEV_LOG(ERR, "interface %s is not registered\n", iface);
-			return -1;
-		}
 		ifaces[slot].closing = true;
-		memcpy(path, ifaces[slot].path, sizeof(path));
 	}
+	/* A readiness check that got in before the flag ends first. */
+	wait_ready_checks(slot);
 
 	/*
 	 * Cut the peers off first: the library's unregister waits for the
@@ -856,6 +920,59 @@ int zorv1_dpu_vdev_protocol_unregister(char *iface)
 		if (d.peer_fd >= 0 && d.peer_slot == slot)
 			close(take_peer_end_locked(&d));
 	}
+	ifaces[slot].released = true;
+}
+
+/*
+ * The port's close unregisters its interface with the family mutex held,
+ * and the vhost library's unregister waits for its event thread to leave
+ * the socket's callbacks, callbacks that take that mutex to reach the
+ * port. So the close lets the card go of the interface earlier, when it
+ * frees the port's flow resources, without the mutex (see zorv_flow.cpp);
+ * the unregister then only frees the interface's slot.
+ */
+int zorv_card_iface_release(const char *iface)
+{
+	char path[SOCK_PATH_MAX];
+	char name[SOCK_PATH_MAX];
+	int slot;
+
+	if (iface == nullptr)
+		return -1;
+	{
+		card_lock lock;
+		slot = find_iface_locked(iface, nullptr);
+		if (slot < 0 || ifaces[slot].released)
+			return -1;
+		memcpy(path, ifaces[slot].path, sizeof(path));
+		memcpy(name, ifaces[slot].name, sizeof(name));
+	}
+	release_iface(slot, name, path);
+	return 0;
+}
+
+int zorv1_dpu_vdev_protocol_unregister(char *iface)
+{
+	char path[SOCK_PATH_MAX];
+	int slot;
+	bool released;
+
+	if (iface == nullptr)
+		return -1;
+	{
+		card_lock lock;
+		slot = find_iface_locked(iface, nullptr);
+		if (slot < 0) {
+			ZORV1_VDEV_LOG(ERR, "interface %s is not registered\n", iface);
+			return -1;
+		}
+		released = ifaces[slot].released;
+		memcpy(path, ifaces[slot].path, sizeof(path));
+	}
+	if (!released)
+		release_iface(slot, iface, path);
+
+	card_lock lock;
 	ifaces[slot] = card_iface{};
 	seg_pool_put_locked();
 	ZORV1_VDEV_LOG(INFO, "interface %s no longer served\n", iface);

@@ -56,16 +56,28 @@
  * destroy waits for bursts that may be spinning on those locks. The library
  * itself refuses a disabled virtqueue to the bursts.
  *
- * Unregistering: zorv1_dpu_vdev_protocol_unregister is called by the port's
- * close, after the port was stopped (its queuing gates closed and drained)
- * and with the device manager's mutex held. A connection still live then is
- * dropped by the card alone, without the port's connection entry points
- * (which take that mutex); the port is going away with it. Before it
- * unregisters, the card shuts down every connection accepted on the
- * interface's socket, so that no peer can keep the vhost library's event
- * thread (which the library's unregister waits for) inside one of its
- * messages; a connection the library drops on the event thread from then on
- * is dropped by the card alone too.
+ * Unregistering: the port's close frees its flow resources and then, with
+ * the device manager's mutex held, unregisters its interface. The vhost
+ * library's unregister waits for its event thread to leave every callback
+ * of the socket's connections, and those callbacks reach the port through
+ * entry points that take the same mutex: done under the mutex, a peer's
+ * message at that moment would hold the close for ever. So the card lets go
+ * of the interface when the flow engine frees the port's resources
+ * (zorv_card_iface_release), before the mutex is taken: it marks the
+ * interface closing, waits for a readiness check of it still running, shuts
+ * down every connection accepted on the socket (so that no peer can keep
+ * the event thread inside one of its messages) and unregisters the socket.
+ * A connection still live then is dropped by the card alone, without the
+ * port's connection entry points; the port is going away with it. The
+ * unregister under the mutex then only frees the interface's slot (or does
+ * all of this itself for a caller that did not release first).
+ *
+ * Readiness: the vhost library reports a virtqueue that comes or goes with
+ * every virtqueue lock of the device held. The card then only notes it and
+ * looks at the connection's readiness on the EAL interrupt thread (an
+ * alarm due at once), where reporting it to the port, which takes the
+ * device manager's mutex, cannot wait for a family module that holds the
+ * mutex and waits for a burst spinning on one of those locks.
  *
  * Peers that stall: the vhost library serves every socket of the process
  * from one event thread with blocking reads and writes. Each accepted
@@ -263,6 +275,15 @@ uint64_t zorv_card_peers_refused_total(void);
  */
 uint64_t zorv_card_iface_peers_cut(const char *iface);
 uint64_t zorv_card_peers_cut_total(void);
+
+/*
+ * Stop serving a registered interface ahead of its unregister (the port's
+ * close, through the flow engine's release of the port's resources, before
+ * it takes the family mutex): peers are cut off and the socket goes; the
+ * unregister then only frees the interface's slot. -1 for an interface
+ * that is not registered or was released already.
+ */
+int zorv_card_iface_release(const char *iface);
 
 struct rte_mbuf;
 struct rte_mempool;

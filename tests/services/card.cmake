@@ -2,3 +2,10 @@
 # one process, with DPDK's virtio-user as the peer on the card's vhost-user
 # socket.
 zorv_service_test(test_card services/test_card.cpp)
+
+# Seeded random interleavings of the control thread, a polling thread, a
+# sibling module's thread, a reader and the card's event thread, with the
+# real card and virtio-user in one process. Labelled tsan and asan too: the
+# sanitizer stages of scripts/test.sh run it in those builds.
+zorv_service_test(test_chaos_threads services/test_chaos_threads.cpp)
+set_tests_properties(test_chaos_threads PROPERTIES LABELS "service;tsan;asan" TIMEOUT 900)

@@ -210,6 +210,9 @@ class Chaos:
         self.broker = None
 
     # -- the primary ---------------------------------------------------------
+    def port_name(self):
+        return "net_zorv1"
+
     def cmd(self, line, bound=None):
         bound = self.args.op_bound if bound is None else bound
         t0 = time.monotonic()
@@ -509,6 +512,23 @@ def footprint(ch):
             "sockets": sorted(f for f in os.listdir(ch.run) if f.startswith("vhost"))}
 
 
+def settled_footprint(ch, timeout=15):
+    """The footprint once the card has let the last peer go and two readings
+    half a second apart agree."""
+    ok = e2e.wait_until(lambda: ch.tel.query("/zorv1/card,%s" % ch.port_name())["vid"] == -1,
+                        timeout, 0.1)
+    e2e.check(ok, "the card still holds a connection after the peer left")
+    prev = footprint(ch)
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        time.sleep(0.5)
+        now = footprint(ch)
+        if now == prev:
+            return now
+        prev = now
+    e2e.fail("the footprint does not settle: %r" % prev)
+
+
 def scenario(common, args):
     seed = args.seed if args.seed is not None else int(time.time() * 1000) % (1 << 31)
     print("chaos seed %d (replay: --seed %d --steps %d)" % (seed, seed, args.steps), flush=True)
@@ -538,8 +558,7 @@ def scenario(common, args):
             ch.peer.connect((1, 0, 1))
             ch.check_traffic()
             ch.quiesce()
-            e2e.wait_until(lambda: cp.mempool_in_use(pmd) == cp.mempool_in_use(pmd), 2)
-            base = footprint(ch)
+            base = settled_footprint(ch)
             for ch.step in range(1, args.steps + 1):
                 ch.one_step()
                 if ch.step % 100 == 0:

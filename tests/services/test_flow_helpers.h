@@ -168,7 +168,8 @@ public:
 			rte_pktmbuf_free(m);
 			return nullptr;
 		}
-		memcpy(p, b_.data(), b_.size());
+		if (!b_.empty()) /* an empty frame has no data to copy from */
+			memcpy(p, b_.data(), b_.size());
 		return zorv_test::MbufPtr(m);
 	}
 

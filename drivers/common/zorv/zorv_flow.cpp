@@ -211,11 +211,12 @@ int build_table(struct zorv_flow_ctx *ctx, struct table **out)
 	}
 	auto *tcount = reinterpret_cast<uint32_t *>(rk + n);
 	auto *t = new (mem) table{};
+	/* The pointers first, where the alignment of the start holds for them. */
 	uint8_t *p = mem + RTE_ALIGN_CEIL(sizeof(struct table), 8);
-	t->groups = reinterpret_cast<struct group *>(p);
-	p += sizeof(struct group) * n;
 	t->rules = reinterpret_cast<struct rte_flow **>(p);
 	p += sizeof(struct rte_flow *) * n;
+	t->groups = reinterpret_cast<struct group *>(p);
+	p += sizeof(struct group) * n;
 	t->jump = reinterpret_cast<int32_t *>(p);
 	p += sizeof(int32_t) * n;
 	p = mem + RTE_ALIGN_CEIL(static_cast<size_t>(p - mem), 8);

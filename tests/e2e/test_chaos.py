@@ -48,7 +48,7 @@ import zorv_e2e as e2e  # noqa: E402
 import churn_peer as cp  # noqa: E402
 import hostile_peer as hp  # noqa: E402
 
-CRASH = re.compile(r"Segmentation fault|Aborted|PANIC|ERROR: AddressSanitizer|"
+CRASH = re.compile(r"Segmentation fault|Aborted|PANIC|ERROR: (Address|Leak)Sanitizer|"
                    r"runtime error:|ThreadSanitizer")
 # Basic statistics that only a reset (or a new port) may take backwards.
 MONO_KEYS = ("ipackets", "opackets", "ibytes", "obytes")
@@ -589,7 +589,9 @@ def scenario(common, args):
                      ch.counts, last["ipackets"], last["opackets"]), flush=True)
             ch.cmd("port stop all")
             ch.cmd("port close all")
-            e2e.check(pmd.quit() == 0, "primary exit code %s" % pmd.proc.returncode)
+            rc = pmd.quit()
+            e2e.check(rc == 0, "primary exit code %s; output tail:\n%s"
+                      % (rc, pmd.output[-6000:]))
             e2e.check(not CRASH.search(pmd.output), "the primary reported:\n%s"
                       % pmd.output[-4000:])
     except e2e.E2EFailure as e:

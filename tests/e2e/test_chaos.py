@@ -19,7 +19,11 @@ Operations, drawn at random each step:
     (a new process connects later); a hostile peer (hostile_peer.py) that
     connects next to it, misbehaves and is killed a step or two later;
   broker: killed, frozen (SIGSTOP), resumed, restarted;
-  readers: telemetry (stats, xstats, the family's counters) every step.
+  readers: telemetry (stats, xstats, the family's counters) every step, and
+    dpdk-proc-info (a secondary process) every --proc-info-every steps
+    while traffic flows; for that the primary runs on hugepages, which the
+    test sets up (root) and puts back; without them it says why and goes on
+    without proc-info.
 
 Invariants after every step:
   - the primary is alive and printed no crash;
@@ -34,6 +38,8 @@ the mbuf pool, the DPDK heap, the open files and the card's sockets are as
 they were at the start.
 """
 import argparse
+import collections
+import contextlib
 import os
 import random
 import re
@@ -66,6 +72,12 @@ def own_args(argv=None):
     p.add_argument("--min-pkts", type=int, default=64)
     p.add_argument("--sanitizer", default="",
                    help="name of the sanitizer runtime the primary must have mapped")
+    p.add_argument("--proc-info-every", type=int, default=20,
+                   help="steps between dpdk-proc-info reads (0: none)")
+    p.add_argument("--heap-dump", default="",
+                   help="directory: the primary's DPDK heap, element by element, is written "
+                        "there (through gdb) at the start and at the end, for a heap that "
+                        "does not come back")
     p.add_argument("--ops", default="",
                    help="comma-separated operations to draw from (default: all), for "
                         "narrowing a failure down")
@@ -187,8 +199,9 @@ class Broker:
 
 
 class Chaos:
-    def __init__(self, pmd, args, run, sock, rnd):
+    def __init__(self, pmd, args, run, sock, rnd, lib=None):
         self.pmd = pmd
+        self.lib = lib
         self.args = args
         self.run = run
         self.sock = sock
@@ -208,6 +221,9 @@ class Chaos:
         self.worst = (0.0, "")
         self.counts = {}
         self.broker = None
+        self.proc_info = False
+        self.proc_info_reads = 0
+        self.moved = [0, 0]
 
     # -- the primary ---------------------------------------------------------
     def port_name(self):
@@ -414,8 +430,25 @@ class Chaos:
         if self.last is not None:
             back = {k: (self.last[k], s[k]) for k in MONO_KEYS if s[k] < self.last[k]}
             e2e.check(not back, "step %d: counters went backwards: %r" % (self.step, back))
+            self.moved[0] += s["ipackets"] - self.last["ipackets"]
+            self.moved[1] += s["opackets"] - self.last["opackets"]
         self.last = s
+        if self.proc_info and self.step % self.args.proc_info_every == 0:
+            self.read_proc_info()
         return s
+
+    def read_proc_info(self):
+        """The port's statistics through a secondary process, while the
+        primary forwards."""
+        t0 = time.monotonic()
+        out = e2e.proc_info(self.lib, self.pmd.prefix, "--stats",
+                            portmask=1 << self.port, timeout=30)
+        e2e.check("NIC statistics for port %d" % self.port in out,
+                  "step %d: dpdk-proc-info shows no port %d:\n%s" % (self.step, self.port, out))
+        self.proc_info_reads += 1
+        dt = time.monotonic() - t0
+        if dt > self.worst[0]:
+            self.worst = (dt, "dpdk-proc-info --stats")
 
     def check_traffic(self):
         if not (self.peer.connected and self.started):
@@ -492,6 +525,32 @@ class Chaos:
         self.started = True
 
 
+def dump_heap(pid, path):
+    """Every element of the process's DPDK heaps (rte_malloc_dump_heaps)."""
+    subprocess.run(["gdb", "-batch", "-p", str(pid),
+                    "-ex", "set $f = (FILE *)fopen(\"%s\", \"w\")" % path,
+                    "-ex", "call (void)rte_malloc_dump_heaps($f)",
+                    "-ex", "call (int)fclose($f)"],
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60)
+    e2e.check(os.path.exists(path), "gdb could not dump the heap of %d into %s" % (pid, path))
+
+
+def heap_sizes(path):
+    """The requested size of every allocation in a heap dump. An element's
+    length includes the padding its alignment needed where it landed, so the
+    same allocations can add up to a different total after the heap was
+    reshuffled; the sizes without that padding are what a leak changes."""
+    sizes = collections.Counter()
+    busy = False
+    for line in open(path):
+        if line.startswith("Malloc element"):
+            busy = "BUSY" in line
+        m = re.search(r"len: (0x[0-9a-f]+) pad: (0x[0-9a-f]+)", line)
+        if m and busy:
+            sizes[int(m.group(1), 16) - int(m.group(2), 16)] += 1
+    return sizes
+
+
 def fds(pid):
     out = []
     d = "/proc/%d/fd" % pid
@@ -539,19 +598,30 @@ def scenario(common, args):
     broker = Broker()
     ch = None
     t0 = time.monotonic()
+    stack = contextlib.ExitStack()
     try:
         broker.start()
         env = {"ZORV1_MQTT_BROKER": broker.m.address, "ZORV1_MQTT_TOPIC": "zorv1chaos/%d" % seed}
-        with e2e.Testpmd(common.lib, env=env, vdevs=["net_zorv1,iface=%s,queues=2" % sock],
-                         app_args=["--port-topology=loop"],
-                         log_path=os.path.join(run, "primary.log")) as pmd:
+        pmd = e2e.Testpmd(common.lib, env=env, vdevs=["net_zorv1,iface=%s,queues=2" % sock],
+                          app_args=["--port-topology=loop"],
+                          log_path=os.path.join(run, "primary.log"))
+        huge = None
+        if args.proc_info_every > 0:
+            try:
+                huge = stack.enter_context(e2e.Hugepages(1024))
+                huge.prefixes.append(pmd.prefix)
+                pmd.argv.remove("--no-huge")
+            except e2e.Skip as why:
+                print("no dpdk-proc-info reads: %s" % why, flush=True)
+        with pmd:
             pmd.start(60)
             if args.sanitizer:
                 maps = open("/proc/%d/maps" % pmd.proc.pid).read()
                 e2e.check(args.sanitizer in maps, "%s is not loaded in the primary"
                           % args.sanitizer)
-            ch = Chaos(pmd, args, run, sock, rnd)
+            ch = Chaos(pmd, args, run, sock, rnd, lib=common.lib)
             ch.broker = broker
+            ch.proc_info = huge is not None
             # Start state: one queue pair, started, no peer; a first
             # connection warms up what the first traffic allocates once.
             ch.app_queues_to(1)
@@ -559,6 +629,8 @@ def scenario(common, args):
             ch.check_traffic()
             ch.quiesce()
             base = settled_footprint(ch)
+            heap_dir = args.heap_dump or run
+            dump_heap(pmd.proc.pid, os.path.join(heap_dir, "heap.start"))
             for ch.step in range(1, args.steps + 1):
                 ch.one_step()
                 if ch.step % 100 == 0:
@@ -579,14 +651,31 @@ def scenario(common, args):
                 end = footprint(ch)
                 return end == base
             e2e.wait_until(same, 15, 0.5)
+            if args.heap_dump or end["heap"] != base["heap"]:
+                dump_heap(pmd.proc.pid, os.path.join(heap_dir, "heap.end"))
+            if end["heap"] != base["heap"] and end["heap"][1] == base["heap"][1]:
+                # Same number of allocations: compare what was asked for.
+                was = heap_sizes(os.path.join(heap_dir, "heap.start"))
+                now = heap_sizes(os.path.join(heap_dir, "heap.end"))
+                e2e.check(sum(was.values()) == base["heap"][1],
+                          "the heap dump at start has %d allocations, heap_info %d"
+                          % (sum(was.values()), base["heap"][1]))
+                e2e.check(now == was, "after quiescing, the heap allocations differ: "
+                          "new %r, gone %r" % (dict(now - was), dict(was - now)))
+                print("heap: the same %d allocations of the same sizes; %+d bytes of "
+                      "alignment padding from where they landed"
+                      % (base["heap"][1], end["heap"][0] - base["heap"][0]), flush=True)
+                end["heap"] = base["heap"]
             for k in ("pool", "heap", "fds", "sockets"):
                 e2e.check(end[k] == base[k], "after quiescing, %s is %r; at start %r"
                           % (k, end[k], base[k]))
             last = ch.port_stats()
             print("chaos done: seed %d, %d steps in %.0f s, worst command %.3f s (%s), "
-                  "ops %r, port now RX %d TX %d packets since its last reset"
+                  "ops %r, %d dpdk-proc-info reads, at least %d packets received and %d "
+                  "sent by the port, now RX %d TX %d since its last reset"
                   % (seed, args.steps, time.monotonic() - t0, ch.worst[0], ch.worst[1],
-                     ch.counts, last["ipackets"], last["opackets"]), flush=True)
+                     ch.counts, ch.proc_info_reads, ch.moved[0], ch.moved[1],
+                     last["ipackets"], last["opackets"]), flush=True)
             ch.cmd("port stop all")
             ch.cmd("port close all")
             rc = pmd.quit()
@@ -603,6 +692,7 @@ def scenario(common, args):
             ch.peer.close()
             ch.tel.close()
         broker.stop()
+        stack.close()
         e2e.remove_tree(run)
 
 

@@ -22,13 +22,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import zorv_e2e as e2e  # noqa: E402
 
-SKIP = 77
-NR_HUGEPAGES = "/proc/sys/vm/nr_hugepages"
-HUGE_MOUNT = "/dev/hugepages"
 MEM_MB = 512
-# 2 MB pages for -m 512 plus some room.
-PAGES_WANTED = 512
-PAGES_NEEDED = MEM_MB // 2 + 16
 
 # The driver's own extended statistics, in the order the port reports them
 # (after DPDK's generic ones).
@@ -45,100 +39,8 @@ def cmd(pmd, line, timeout=20):
     return pmd.cmd(line, timeout)
 
 
-class Skip(Exception):
-    """The platform cannot run the scenario."""
-
-
 def log(msg):
     print("[proc_info] " + msg, flush=True)
-
-
-def meminfo(field):
-    with open("/proc/meminfo") as f:
-        for line in f:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    return 0
-
-
-def hugetlbfs_mounts():
-    with open("/proc/mounts") as f:
-        return [line.split()[1] for line in f if line.split()[2] == "hugetlbfs"]
-
-
-class Hugepages:
-    """Reserves 2 MB hugepages and mounts hugetlbfs; undoes what it changed."""
-
-    def __init__(self):
-        self.old_pages = None
-        self.mounted = False
-        self.made_dir = False
-        self.prefixes = []
-
-    def __enter__(self):
-        if os.geteuid() != 0:
-            raise Skip("hugepages need root (not running as root)")
-        if meminfo("Hugepagesize") != 2048:
-            raise Skip("default hugepage size is %d kB, not 2048 kB" % meminfo("Hugepagesize"))
-        try:
-            with open(NR_HUGEPAGES) as f:
-                self.old_pages = int(f.read())
-            free = meminfo("HugePages_Free")
-            if free < PAGES_WANTED:
-                target = self.old_pages + PAGES_WANTED - free
-                with open(NR_HUGEPAGES, "w") as f:
-                    f.write("%d\n" % target)
-                log("nr_hugepages %d -> %d" % (self.old_pages, target))
-            else:
-                self.old_pages = None  # nothing changed, nothing to restore
-        except OSError as e:
-            raise Skip("cannot set %s: %s" % (NR_HUGEPAGES, e))
-        free = meminfo("HugePages_Free")
-        if free < PAGES_NEEDED:
-            raise Skip("only %d free hugepages after asking for %d (%d needed)"
-                       % (free, PAGES_WANTED, PAGES_NEEDED))
-        if not hugetlbfs_mounts():
-            if not os.path.isdir(HUGE_MOUNT):
-                os.makedirs(HUGE_MOUNT)
-                self.made_dir = True
-            r = subprocess.run(["mount", "-t", "hugetlbfs", "nodev", HUGE_MOUNT],
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-            if r.returncode != 0:
-                raise Skip("cannot mount hugetlbfs at %s: %s"
-                           % (HUGE_MOUNT, r.stdout.decode().strip()))
-            self.mounted = True
-            log("mounted hugetlbfs at %s" % HUGE_MOUNT)
-        log("%d free hugepages of 2 MB" % free)
-        return self
-
-    def __exit__(self, *exc):
-        # Files a primary leaves in hugetlbfs keep their pages reserved.
-        for mnt in hugetlbfs_mounts():
-            for prefix in self.prefixes:
-                try:
-                    names = os.listdir(mnt)
-                except OSError:
-                    continue
-                for name in names:
-                    if name.startswith(prefix + "map_"):
-                        try:
-                            os.unlink(os.path.join(mnt, name))
-                        except OSError:
-                            pass
-        if self.mounted:
-            subprocess.run(["umount", HUGE_MOUNT], stderr=subprocess.DEVNULL)
-        if self.made_dir:
-            try:
-                os.rmdir(HUGE_MOUNT)
-            except OSError:
-                pass
-        if self.old_pages is not None:
-            try:
-                with open(NR_HUGEPAGES, "w") as f:
-                    f.write("%d\n" % self.old_pages)
-            except OSError as e:
-                log("could not restore nr_hugepages to %d: %s" % (self.old_pages, e))
-        return False
 
 
 def parse_basic(text, what):
@@ -157,18 +59,6 @@ def parse_xstats(text, what):
     e2e.check(m is not None, "%s: no extended statistics block in:\n%s" % (what, text))
     rows = re.findall(r"^\s*([a-z0-9_]+): (\d+)\s*$", text[m.end():], re.M)
     return [(n, int(v)) for n, v in rows]
-
-
-def proc_info(lib, prefix, option):
-    argv = ["dpdk-proc-info", "--file-prefix=" + prefix, "-d", lib, "--no-pci",
-            "--log-level=lib.eal:error", "--", "-p", "0x1", option]
-    try:
-        r = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
-    except subprocess.TimeoutExpired:
-        e2e.fail("%s timed out" % " ".join(argv))
-    out = r.stdout.decode("utf-8", "replace")
-    e2e.check(r.returncode == 0, "%s exited with %d:\n%s" % (" ".join(argv), r.returncode, out))
-    return out
 
 
 def scenario(args, huge):
@@ -204,8 +94,8 @@ def scenario(args, huge):
                       "no traffic went through port 0: %s" % primary_basic)
             log("testpmd, port 0: %s" % primary_basic)
 
-            stats_out = proc_info(args.lib, pmd.prefix, "--stats")
-            xstats_out = proc_info(args.lib, pmd.prefix, "--xstats")
+            stats_out = e2e.proc_info(args.lib, pmd.prefix, "--stats")
+            xstats_out = e2e.proc_info(args.lib, pmd.prefix, "--xstats")
             secondary_basic = parse_basic(stats_out[stats_out.find("NIC statistics for port 0"):],
                                           "dpdk-proc-info --stats")
             secondary_x = parse_xstats(xstats_out, "dpdk-proc-info --xstats")
@@ -260,8 +150,8 @@ def scenario(args, huge):
 def run(args):
     for tool in ("dpdk-testpmd", "dpdk-proc-info"):
         if subprocess.run(["sh", "-c", "command -v " + tool], stdout=subprocess.DEVNULL).returncode:
-            raise Skip("%s is not installed" % tool)
-    with Hugepages() as huge:
+            raise e2e.Skip("%s is not installed" % tool)
+    with e2e.Hugepages(MEM_MB) as huge:
         scenario(args, huge)
 
 
@@ -269,7 +159,7 @@ if __name__ == "__main__":
     def guarded(args):
         try:
             run(args)
-        except Skip as why:
+        except e2e.Skip as why:
             print("SKIP: %s" % why, flush=True)
-            sys.exit(SKIP)
+            sys.exit(e2e.SKIP)
     e2e.main(guarded)

@@ -77,6 +77,16 @@ telemetry_one(prefix, command, timeout=20) -> the value under the command's
     own key of its reply (e.g. telemetry_one(p, "/zorv1/ports") -> [...]);
     None when the process refused the command (a null reply).
 
+class Hugepages(mem_mb)   -> context manager (root): reserves 2 MB hugepages for
+    a primary of mem_mb MB and mounts hugetlbfs, and undoes what it changed;
+    raises Skip (exit with SKIP, 77, after printing "SKIP: <why>") when the
+    machine cannot. .prefixes: file prefixes whose hugepage files are
+    removed at the end. A Testpmd runs on them when "--no-huge" is removed
+    from its argv (secondary processes attach only to such a primary).
+proc_info(lib, prefix, *options, portmask=0x1, timeout=60) -> the output of
+    dpdk-proc-info attached as a secondary to the primary of prefix (-d lib
+    when lib), for the ports of portmask.
+
 class Mosquitto(port=None, listener_conf="", anonymous=True)
                              -> a mosquitto broker on 127.0.0.1:<port>;
     listener_conf: more lines for its listener (password_file, cafile,
@@ -582,6 +592,129 @@ class Subscriber:
 
 
 # -- scenario runner ---------------------------------------------------------
+# -- hugepages and secondary processes -----------------------------------
+SKIP = 77
+NR_HUGEPAGES = "/proc/sys/vm/nr_hugepages"
+HUGE_MOUNT = "/dev/hugepages"
+
+
+class Skip(Exception):
+    """The platform cannot run the scenario."""
+
+
+def meminfo(field):
+    with open("/proc/meminfo") as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    return 0
+
+
+def hugetlbfs_mounts():
+    with open("/proc/mounts") as f:
+        return [line.split()[1] for line in f if line.split()[2] == "hugetlbfs"]
+
+
+class Hugepages:
+    """Reserves 2 MB hugepages and mounts hugetlbfs; undoes what it changed."""
+
+    def __init__(self, mem_mb=512):
+        self.wanted = max(512, mem_mb // 2 + 64)
+        self.needed = mem_mb // 2 + 16
+        self.old_pages = None
+        self.mounted = False
+        self.made_dir = False
+        self.prefixes = []
+
+    def __enter__(self):
+        if os.geteuid() != 0:
+            raise Skip("hugepages need root (not running as root)")
+        if meminfo("Hugepagesize") != 2048:
+            raise Skip("default hugepage size is %d kB, not 2048 kB" % meminfo("Hugepagesize"))
+        try:
+            with open(NR_HUGEPAGES) as f:
+                self.old_pages = int(f.read())
+            free = meminfo("HugePages_Free")
+            if free < self.wanted:
+                target = self.old_pages + self.wanted - free
+                with open(NR_HUGEPAGES, "w") as f:
+                    f.write("%d\n" % target)
+            else:
+                self.old_pages = None  # nothing changed, nothing to restore
+        except OSError as e:
+            raise Skip("cannot set %s: %s" % (NR_HUGEPAGES, e))
+        free = meminfo("HugePages_Free")
+        if free < self.needed:
+            self.__exit__()
+            raise Skip("only %d free hugepages after asking for %d (%d needed)"
+                       % (free, self.wanted, self.needed))
+        if not hugetlbfs_mounts():
+            if not os.path.isdir(HUGE_MOUNT):
+                os.makedirs(HUGE_MOUNT)
+                self.made_dir = True
+            r = subprocess.run(["mount", "-t", "hugetlbfs", "nodev", HUGE_MOUNT],
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            if r.returncode != 0:
+                self.__exit__()
+                raise Skip("cannot mount hugetlbfs at %s: %s"
+                           % (HUGE_MOUNT, r.stdout.decode().strip()))
+            self.mounted = True
+        return self
+
+    def __exit__(self, *exc):
+        # Files a primary leaves in hugetlbfs keep their pages reserved.
+        for mnt in hugetlbfs_mounts():
+            for prefix in self.prefixes:
+                try:
+                    names = os.listdir(mnt)
+                except OSError:
+                    continue
+                for name in names:
+                    if name.startswith(prefix + "map_"):
+                        try:
+                            os.unlink(os.path.join(mnt, name))
+                        except OSError:
+                            pass
+        if self.mounted:
+            subprocess.run(["umount", HUGE_MOUNT], stderr=subprocess.DEVNULL)
+            self.mounted = False
+        if self.made_dir:
+            try:
+                os.rmdir(HUGE_MOUNT)
+            except OSError:
+                pass
+            self.made_dir = False
+        if self.old_pages is not None:
+            try:
+                with open(NR_HUGEPAGES, "w") as f:
+                    f.write("%d\n" % self.old_pages)
+            except OSError as e:
+                print("could not restore nr_hugepages to %d: %s" % (self.old_pages, e),
+                      flush=True)
+            self.old_pages = None
+        return False
+
+
+def proc_info(lib, prefix, *options, portmask=0x1, timeout=60):
+    """dpdk-proc-info attached to the primary of prefix; its output."""
+    argv = ["dpdk-proc-info", "--file-prefix=" + prefix, "--no-pci",
+            "--log-level=lib.eal:error"]
+    env = dict(os.environ)
+    if lib:
+        argv += ["-d", lib]
+        if os.environ.get("ZORV_E2E_PRELOAD"):
+            env["LD_PRELOAD"] = os.environ["ZORV_E2E_PRELOAD"]
+    argv += ["--", "-p", hex(portmask)] + list(options)
+    try:
+        r = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                           timeout=timeout, env=env)
+    except subprocess.TimeoutExpired:
+        fail("%s timed out after %ss" % (" ".join(argv), timeout))
+    out = r.stdout.decode("utf-8", "replace")
+    check(r.returncode == 0, "%s exited with %d:\n%s" % (" ".join(argv), r.returncode, out))
+    return out
+
+
 def common_args(argv=None):
     p = argparse.ArgumentParser()
     p.add_argument("--lib", required=True, help="path of librte_net_zorv1.so")

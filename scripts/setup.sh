@@ -20,6 +20,7 @@ pkgs=(
   iproute2 iputils-ping netcat-openbsd python3 gnuplot-nox
   dpkg-dev xz-utils
   qemu-system-x86 linux-image-cloud-amd64 busybox-static ethtool cpio
+  gdb tshark tcpdump util-linux dpdk-doc linux-perf valgrind
 )
 missing=()
 for p in "${pkgs[@]}"; do

@@ -16,3 +16,11 @@ add_test(NAME e2e_proc_info
 # The hugepage reservation is changed and put back: one run at a time.
 set_tests_properties(e2e_proc_info PROPERTIES LABELS e2e TIMEOUT 300
   SKIP_RETURN_CODE 77 RESOURCE_LOCK zorv_hugepages)
+
+# DPDK's example applications (l2fwd, l3fwd-power), built from Debian's
+# dpdk-doc sources, forwarding on net_zorv1 ports with testpmd peers.
+add_test(NAME e2e_dpdk_examples
+  COMMAND python3 ${CMAKE_CURRENT_SOURCE_DIR}/e2e/test_dpdk_examples.py
+          --lib $<TARGET_FILE:rte_net_zorv1>)
+set_tests_properties(e2e_dpdk_examples PROPERTIES LABELS e2e TIMEOUT 600
+  SKIP_RETURN_CODE 77 RESOURCE_LOCK zorv_cpus)

@@ -9,7 +9,7 @@ add_test(NAME e2e_chaos
   COMMAND python3 ${CMAKE_CURRENT_SOURCE_DIR}/e2e/test_chaos.py
           --lib $<TARGET_FILE:rte_net_zorv1> --steps 1000)
 set_tests_properties(e2e_chaos PROPERTIES LABELS e2e TIMEOUT 1500
-  RESOURCE_LOCK zorv_cpus)
+  RESOURCE_LOCK "zorv_cpus;zorv_hugepages")
 
 if(CMAKE_BUILD_TYPE STREQUAL "Asan")
   # The runtime the driver was linked with; testpmd is not built with it, so
@@ -30,7 +30,7 @@ if(CMAKE_BUILD_TYPE STREQUAL "Asan")
     COMMAND python3 ${CMAKE_CURRENT_SOURCE_DIR}/e2e/test_chaos.py
             --lib $<TARGET_FILE:rte_net_zorv1> --steps 300 --sanitizer libasan)
   set_tests_properties(e2e_chaos_asan PROPERTIES LABELS asan TIMEOUT 1800
-    RESOURCE_LOCK zorv_cpus ENVIRONMENT "${ZORV_E2E_ASAN_ENV}")
+    RESOURCE_LOCK "zorv_cpus;zorv_hugepages" ENVIRONMENT "${ZORV_E2E_ASAN_ENV}")
   add_test(NAME e2e_hostile_peer_asan
     COMMAND python3 ${CMAKE_CURRENT_SOURCE_DIR}/e2e/test_hostile_peer.py
             --lib $<TARGET_FILE:rte_net_zorv1> --bound 1.0)

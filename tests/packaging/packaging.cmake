@@ -13,4 +13,4 @@ add_test(NAME e2e_installed
   COMMAND python3 ${CMAKE_CURRENT_SOURCE_DIR}/e2e/test_installed.py
           --lib $<TARGET_FILE:rte_net_zorv1> --build ${CMAKE_BINARY_DIR})
 set_tests_properties(e2e_installed PROPERTIES LABELS "e2e;packaging" TIMEOUT 900
-  SKIP_RETURN_CODE 77 RESOURCE_LOCK "zorv_cpus;zorv_plugin_dir")
+  SKIP_RETURN_CODE 77 RESOURCE_LOCK "zorv_cpus;zorv_plugin_dir;zorv_hugepages")

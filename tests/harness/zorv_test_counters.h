@@ -73,6 +73,38 @@ inline ::testing::AssertionResult CountersMoved(const struct dpdk_cp_stat &befor
 	return ::testing::AssertionFailure() << "control-plane counters:" << diffs;
 }
 
+/* The control-plane counters that moved since construction, by index in
+ * the record (see Idx), and by how much. */
+using CpChanges = std::map<size_t, uint32_t>;
+
+class CounterDelta {
+public:
+	CounterDelta() : before_(g_dpdk_cp_stat) {}
+	CpChanges Get() const
+	{
+		CpChanges out;
+		for (size_t i = 0; i < sizeof(dpdk_cp_stat) / sizeof(uint32_t); i++) {
+			const uint32_t was = CpValue(before_, i * sizeof(uint32_t));
+			const uint32_t now = CpValue(g_dpdk_cp_stat, i * sizeof(uint32_t));
+			if (was != now)
+				out[i] = now - was;
+		}
+		return out;
+	}
+
+private:
+	dpdk_cp_stat before_;
+};
+
+/* The index of a counter in the record, as CounterDelta reports it. */
+inline size_t Idx(uint32_t dpdk_cp_stat::*m)
+{
+	static dpdk_cp_stat probe;
+	return static_cast<size_t>(reinterpret_cast<const char *>(&(probe.*m)) -
+				   reinterpret_cast<const char *>(&probe)) /
+	       sizeof(uint32_t);
+}
+
 /* Allocations live on DPDK's heaps, over all sockets. */
 struct HeapUse {
 	size_t bytes = 0;

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: BSD-3-Clause
  * Ethdev helpers for the tests that run real ports (the driver with the
  * real card, and DPDK's virtio-user as the peer) in one process: waiting for
- * a condition, the link state, bringing a port up, sending everything.
+ * a condition, the link state and its events, bringing a port up, sending
+ * everything.
  */
 #ifndef ZORV_TEST_ETHDEV_H
 #define ZORV_TEST_ETHDEV_H
@@ -9,8 +10,13 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <thread>
+#include <vector>
 
+#include <gtest/gtest.h>
+
+#include <ethdev_driver.h>
 #include <rte_ethdev.h>
 #include <rte_lcore.h>
 #include <rte_mbuf.h>
@@ -62,6 +68,53 @@ inline uint16_t SendAll(uint16_t port, uint16_t q, struct rte_mbuf **pkts, uint1
 	});
 	return sent;
 }
+
+/* Link-state callbacks seen on one port (the thread, and the port's link
+ * status when the callback ran); unregistered at scope end. */
+class LscWatch {
+public:
+	struct Event {
+		std::thread::id thread;
+		uint8_t link_status;
+	};
+
+	explicit LscWatch(uint16_t port_id) : port_id_(port_id)
+	{
+		EXPECT_EQ(rte_eth_dev_callback_register(port_id_, RTE_ETH_EVENT_INTR_LSC, &LscWatch::Cb,
+							this),
+			  0);
+	}
+	~LscWatch()
+	{
+		rte_eth_dev_callback_unregister(port_id_, RTE_ETH_EVENT_INTR_LSC, &LscWatch::Cb, this);
+	}
+	LscWatch(const LscWatch &) = delete;
+	LscWatch &operator=(const LscWatch &) = delete;
+
+	std::vector<Event> events() const
+	{
+		std::lock_guard<std::mutex> lk(mu_);
+		return events_;
+	}
+	size_t count() const { return events().size(); }
+
+private:
+	static int Cb(uint16_t port_id, enum rte_eth_event_type type, void *arg, void *ret_param)
+	{
+		(void)ret_param;
+		auto *self = static_cast<LscWatch *>(arg);
+		EXPECT_EQ(type, RTE_ETH_EVENT_INTR_LSC);
+		EXPECT_EQ(port_id, self->port_id_);
+		std::lock_guard<std::mutex> lk(self->mu_);
+		self->events_.push_back({std::this_thread::get_id(),
+					 static_cast<uint8_t>(rte_eth_devices[port_id].data->dev_link.link_status)});
+		return 0;
+	}
+
+	uint16_t port_id_;
+	mutable std::mutex mu_;
+	std::vector<Event> events_;
+};
 
 } // namespace zorv_test
 

@@ -25,6 +25,8 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv1_vhost.h"
 #include "zorv_fakes.h"
+#include "zorv_test_counters.h"
+#include "zorv_test_ethdev.h"
 #include "zorv_test_harness.h"
 
 using ::testing::ElementsAre;
@@ -43,54 +45,12 @@ namespace {
 
 /* ---------------------------------------------------------------- helpers */
 
-using Changes = std::map<size_t, uint32_t>;
+using Changes = zorv_test::CpChanges;
 
-class CounterDelta {
-public:
-	CounterDelta() : before_(g_dpdk_cp_stat) {}
-	Changes Get() const
-	{
-		Changes out;
-		const auto *a = reinterpret_cast<const uint32_t *>(&before_);
-		const auto *b = reinterpret_cast<const uint32_t *>(&g_dpdk_cp_stat);
-		for (size_t i = 0; i < sizeof(dpdk_cp_stat) / sizeof(uint32_t); i++) {
-			if (a[i] != b[i])
-				out[i] = b[i] - a[i];
-		}
-		return out;
-	}
+using zorv_test::CounterDelta;
+using zorv_test::Idx;
 
-private:
-	dpdk_cp_stat before_;
-};
-
-size_t Idx(uint32_t dpdk_cp_stat::*m)
-{
-	static dpdk_cp_stat probe;
-	return static_cast<size_t>(reinterpret_cast<const char *>(&(probe.*m)) -
-				   reinterpret_cast<const char *>(&probe)) /
-	       sizeof(uint32_t);
-}
-
-/* Link-state events raised on a port while the watcher lives. */
-class LscWatcher {
-public:
-	explicit LscWatcher(uint16_t port_id) : port_id_(port_id)
-	{
-		EXPECT_EQ(rte_eth_dev_callback_register(port_id_, RTE_ETH_EVENT_INTR_LSC, &Cb, this), 0);
-	}
-	~LscWatcher() { rte_eth_dev_callback_unregister(port_id_, RTE_ETH_EVENT_INTR_LSC, &Cb, this); }
-	int count() const { return count_.load(); }
-
-private:
-	static int Cb(uint16_t, enum rte_eth_event_type, void *arg, void *)
-	{
-		static_cast<LscWatcher *>(arg)->count_++;
-		return 0;
-	}
-	uint16_t port_id_;
-	std::atomic<int> count_{0};
-};
+using LscWatcher = zorv_test::LscWatch;
 
 /* A port as the device manager holds it after configure and queue setup. */
 struct Port {

@@ -29,6 +29,7 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv1_vhost.h"
 #include "zorv_fakes.h"
+#include "zorv_test_counters.h"
 #include "zorv_test_harness.h"
 
 using ::testing::ElementsAre;
@@ -46,34 +47,10 @@ constexpr const char *kCheck = "zorv1_name_check_fail";
 
 /* ---------------------------------------------------------------- helpers */
 
-using Changes = std::map<size_t, uint32_t>;
+using Changes = zorv_test::CpChanges;
 
-class CounterDelta {
-public:
-	CounterDelta() : before_(g_dpdk_cp_stat) {}
-	Changes Get() const
-	{
-		Changes out;
-		const auto *a = reinterpret_cast<const uint32_t *>(&before_);
-		const auto *b = reinterpret_cast<const uint32_t *>(&g_dpdk_cp_stat);
-		for (size_t i = 0; i < sizeof(dpdk_cp_stat) / sizeof(uint32_t); i++) {
-			if (a[i] != b[i])
-				out[i] = b[i] - a[i];
-		}
-		return out;
-	}
-
-private:
-	dpdk_cp_stat before_;
-};
-
-size_t Idx(uint32_t dpdk_cp_stat::*m)
-{
-	static dpdk_cp_stat probe;
-	return static_cast<size_t>(reinterpret_cast<const char *>(&(probe.*m)) -
-				   reinterpret_cast<const char *>(&probe)) /
-	       sizeof(uint32_t);
-}
+using zorv_test::CounterDelta;
+using zorv_test::Idx;
 
 /*
  * The message was logged by `func` at `level` on `logtype`, as one message

@@ -25,6 +25,7 @@
 #include "zorv1_ethdev.h"
 #include "zorv1_vdev_internal.h"
 #include "zorv_fakes.h"
+#include "zorv_test_ethdev.h"
 #include "zorv_test_harness.h"
 
 using ::testing::ElementsAre;
@@ -35,6 +36,8 @@ using zorv_test::FakePort;
 using zorv_test::LogCapture;
 
 namespace {
+
+using zorv_test::LscWatch;
 
 using namespace std::chrono_literals;
 
@@ -134,52 +137,6 @@ private:
 	FakePort port_;
 	std::vector<struct zorv1_vdev_rxq *> rxqs_;
 	std::vector<struct zorv1_vdev_txq *> txqs_;
-};
-
-/* Link-state callbacks seen on one port; unregistered at scope end. */
-class LscWatch {
-public:
-	struct Event {
-		std::thread::id thread;
-		uint8_t link_status; /* the port's link status when the callback ran */
-	};
-
-	explicit LscWatch(uint16_t port_id) : port_id_(port_id)
-	{
-		EXPECT_EQ(rte_eth_dev_callback_register(port_id_, RTE_ETH_EVENT_INTR_LSC, &LscWatch::Cb,
-							this),
-			  0);
-	}
-	~LscWatch()
-	{
-		rte_eth_dev_callback_unregister(port_id_, RTE_ETH_EVENT_INTR_LSC, &LscWatch::Cb, this);
-	}
-	LscWatch(const LscWatch &) = delete;
-	LscWatch &operator=(const LscWatch &) = delete;
-
-	std::vector<Event> events() const
-	{
-		std::lock_guard<std::mutex> lk(mu_);
-		return events_;
-	}
-	size_t count() const { return events().size(); }
-
-private:
-	static int Cb(uint16_t port_id, enum rte_eth_event_type type, void *arg, void *ret_param)
-	{
-		(void)ret_param;
-		auto *self = static_cast<LscWatch *>(arg);
-		EXPECT_EQ(type, RTE_ETH_EVENT_INTR_LSC);
-		EXPECT_EQ(port_id, self->port_id_);
-		std::lock_guard<std::mutex> lk(self->mu_);
-		self->events_.push_back({std::this_thread::get_id(),
-					 static_cast<uint8_t>(rte_eth_devices[port_id].data->dev_link.link_status)});
-		return 0;
-	}
-
-	uint16_t port_id_;
-	mutable std::mutex mu_;
-	std::vector<Event> events_;
 };
 
 /*

@@ -49,6 +49,7 @@
 #include "zorv1_vdev_mqtt.h"
 #include "zorv1_vhost.h"
 #include "zorv_fakes.h"
+#include "zorv_test_counters.h"
 #include "zorv_test_harness.h"
 
 using ::testing::ElementsAre;
@@ -67,35 +68,10 @@ constexpr const char *kRemove = "rte_pmd_zorv1_dpu_vdev_remove";
 
 /* ---------------------------------------------------------------- helpers */
 
-/* Which control-plane counters moved since construction, by index. */
-class CounterDelta {
-public:
-	CounterDelta() : before_(g_dpdk_cp_stat) {}
-	std::map<size_t, uint32_t> Changes() const
-	{
-		std::map<size_t, uint32_t> out;
-		const auto *a = reinterpret_cast<const uint32_t *>(&before_);
-		const auto *b = reinterpret_cast<const uint32_t *>(&g_dpdk_cp_stat);
-		for (size_t i = 0; i < sizeof(dpdk_cp_stat) / sizeof(uint32_t); i++) {
-			if (a[i] != b[i])
-				out[i] = b[i] - a[i];
-		}
-		return out;
-	}
+using zorv_test::CounterDelta;
+using zorv_test::Idx;
 
-private:
-	dpdk_cp_stat before_;
-};
-
-size_t Idx(uint32_t dpdk_cp_stat::*m)
-{
-	static dpdk_cp_stat probe;
-	return static_cast<size_t>(reinterpret_cast<const char *>(&(probe.*m)) -
-				   reinterpret_cast<const char *>(&probe)) /
-	       sizeof(uint32_t);
-}
-
-using Changes = std::map<size_t, uint32_t>;
+using Changes = zorv_test::CpChanges;
 
 /* Uninitialises the vdev at scope end if a test left it behind. */
 class VdevGuard {
@@ -374,7 +350,7 @@ TEST_F(ProbeTest, IfaceAloneCreatesOnePortWithOneQueuePair)
 	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_INFO, kProbe, "Initializing zorv1_dpu_dev for net_zorv1_x\n"));
 	EXPECT_EQ(ErrLines(cap), 0) << cap.Text();
 	EXPECT_THAT(f.mqtt.msgs, IsEmpty());
-	EXPECT_THAT(delta.Changes(), IsEmpty());
+	EXPECT_THAT(delta.Get(), IsEmpty());
 }
 
 TEST_F(ProbeTest, ProbeFixesUpAnUnsetNumaNode)
@@ -450,7 +426,7 @@ TEST_F(ProbeTest, QueuesAboveTheLimitAreReportedWhileProbeSucceedsWithoutAPort)
 	EXPECT_EQ(CountLines(cap, kProbe, "Initializing zorv1_dpu_dev for net_zorv1_x\n"), 0);
 	EXPECT_EQ(ErrLines(cap), 0) << cap.Text();
 	EXPECT_EQ(f.Count("zorv_flow_resource_init"), 0u);
-	EXPECT_THAT(delta.Changes(), IsEmpty());
+	EXPECT_THAT(delta.Get(), IsEmpty());
 }
 
 TEST_F(ProbeTest, Queues66560WrapsTo1024AndIsAccepted)
@@ -559,7 +535,7 @@ TEST_F(ProbeTest, UnknownKeyFailsTheArgumentParsing)
 	EXPECT_THAT(f.mqtt.msgs, ElementsAre(MqttMsg{ZORV1_MSG_DEV_ADD_ERR, ZORV1_ERR_DEV_PARSE,
 						     "net_zorv1_x", std::nullopt, 0}));
 	EXPECT_EQ(CountLines(cap, kProbe, "Initializing zorv1_dpu_dev for net_zorv1_x\n"), 0);
-	EXPECT_THAT(delta.Changes(), IsEmpty());
+	EXPECT_THAT(delta.Get(), IsEmpty());
 }
 
 TEST_F(ProbeTest, BadSyntaxFailsTheArgumentParsing)
@@ -604,7 +580,7 @@ TEST_F(ProbeTest, UnsentReportIsCountedAndLoggedAndLeavesTheResult)
 
 	EXPECT_EQ(f.mqtt.msgs.size(), 1u);
 	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_ERR, kProbe, "Send msg failed, net_zorv1_x-vhost0-3-1\n"));
-	EXPECT_EQ(delta.Changes(), (Changes{{Idx(&dpdk_cp_stat::send_msg_fail), 1}}));
+	EXPECT_EQ(delta.Get(), (Changes{{Idx(&dpdk_cp_stat::send_msg_fail), 1}}));
 }
 
 TEST_F(ProbeTest, UnsentReportOfAParseFailureLeavesMinusOne)
@@ -617,7 +593,7 @@ TEST_F(ProbeTest, UnsentReportOfAParseFailureLeavesMinusOne)
 	EXPECT_EQ(rte_vdev_init("net_zorv1_x", "iface=vhost0,foo=1"), -1);
 
 	EXPECT_EQ(f.mqtt.msgs.size(), 1u);
-	EXPECT_EQ(delta.Changes(), (Changes{{Idx(&dpdk_cp_stat::send_msg_fail), 1}}));
+	EXPECT_EQ(delta.Get(), (Changes{{Idx(&dpdk_cp_stat::send_msg_fail), 1}}));
 	int send_failed_lines = 0;
 	for (auto &line : cap.Lines())
 		send_failed_lines += line.find("Send msg failed, net_zorv1_x-") != std::string::npos &&
@@ -684,7 +660,7 @@ TEST_F(ProbeTest, RemoveClosesAndReleasesThePort)
 	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_INFO, kRemove, "Un-Initializing zorv1_dpu_dev for net_zorv1_x\n"));
 	/* Close ran: it frees the flow resources of the very port. */
 	EXPECT_THAT(f.flow.frees, ElementsAre(dev));
-	EXPECT_EQ(delta.Changes(), (Changes{{Idx(&dpdk_cp_stat::eth_dev_stop), 1},
+	EXPECT_EQ(delta.Get(), (Changes{{Idx(&dpdk_cp_stat::eth_dev_stop), 1},
 					    {Idx(&dpdk_cp_stat::eth_dev_close), 1}}));
 }
 
@@ -708,7 +684,7 @@ TEST_F(ProbeTest, RemoveOfADeviceWithoutPortOnlyLogs)
 	ASSERT_EQ(zorv_lines.size(), 1u) << cap.Text();
 	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_INFO, kRemove, "Un-Initializing zorv1_dpu_dev for net_zorv1_x\n"));
 	EXPECT_THAT(f.Names(), IsEmpty());
-	EXPECT_THAT(delta.Changes(), IsEmpty());
+	EXPECT_THAT(delta.Get(), IsEmpty());
 }
 
 TEST_F(ProbeTest, RemoveAfterThePortWasReleasedElsewhereOnlyLogs)
@@ -729,7 +705,7 @@ TEST_F(ProbeTest, RemoveAfterThePortWasReleasedElsewhereOnlyLogs)
 	EXPECT_TRUE(HasLogLineAt(cap, RTE_LOG_INFO, kRemove, "Un-Initializing zorv1_dpu_dev for net_zorv1_x\n"));
 	EXPECT_EQ(cap.Lines().size(), 1u) << cap.Text();
 	EXPECT_THAT(f.Names(), IsEmpty());
-	EXPECT_THAT(delta.Changes(), IsEmpty());
+	EXPECT_THAT(delta.Get(), IsEmpty());
 }
 
 /* ------------------------------------------------------------ handlers */

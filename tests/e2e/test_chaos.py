@@ -35,7 +35,11 @@ Invariants after every step:
     ways (so every connected period carries traffic);
 and at the end, after quiescing (peer gone, port re-created as at start):
 the mbuf pool, the DPDK heap, the open files and the card's sockets are as
-they were at the start.
+they were at the start. The heap is compared by its allocation count and
+total, and when only the total differs, allocation by allocation from dumps
+of the heap (gdb, rte_malloc_dump_heaps) at the start and at the end: an
+element's length includes the padding its alignment needed where it
+landed, so the same allocations can add up differently after a reshuffle.
 """
 import argparse
 import collections

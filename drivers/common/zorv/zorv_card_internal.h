@@ -1,14 +1,16 @@
 /* SPDX-License-Identifier: BSD-3-Clause
  * The emulated card's shared records: the connection table that its control
  * side (zorv_vhost_card.cpp: interfaces, sockets, vhost callbacks) fills and
- * its bursts (zorv_card_burst.cpp) read without a lock, and the feature bits
- * both look at. Internal to the card.
+ * its bursts (zorv_card_burst.cpp) read without a lock, the feature bits
+ * both look at, the interface table, and what the card's files call of each
+ * other. Internal to the card.
  */
 #ifndef ZORV_CARD_INTERNAL_H
 #define ZORV_CARD_INTERNAL_H
 
 #include <stddef.h>
 #include <stdint.h>
+#include <pthread.h>
 #include <sys/un.h>
 
 #include <array>
@@ -138,6 +140,64 @@ inline uint32_t conn_held(const card_conn *c)
  * port's receive rings (zorv_card_burst.cpp).
  */
 void drop_waiting_frames(int vid, const card_conn *c);
+
+/* ---- Interfaces (zorv_vhost_card.cpp) ---- */
+
+/* One registered interface. */
+struct card_iface {
+	bool used;                  /* slot taken */
+	bool closing;               /* unregister in progress: no new connection */
+	int vid;                    /* live connection, or -1 */
+	char name[SOCK_PATH_MAX];   /* interface name as registered */
+	char path[SOCK_PATH_MAX];   /* socket path */
+	int peer_dev = -1;          /* vhost device of the peer on the socket, or -1 */
+	bool refusal_logged;        /* a refusal was logged while that peer is on */
+	uint64_t peers_refused;     /* connections refused while a peer was on */
+	uint64_t peers_cut;         /* peers whose connection the card ended */
+	bool cut_logged;            /* a cut was logged; no device since */
+	bool released;              /* no longer served; the slot waits for unregister */
+};
+
+/* The interface table and its counters; ifaces under card_mutex. */
+extern pthread_mutex_t card_mutex;
+extern std::array<card_iface, ZORV_CARD_MAX_IFACES> ifaces;
+extern std::atomic<uint64_t> peers_refused_total; /* over every interface, ever */
+extern std::atomic<uint64_t> peers_cut_total;     /* over every interface, ever */
+
+class card_lock {
+public:
+	card_lock() { pthread_mutex_lock(&card_mutex); }
+	~card_lock() { pthread_mutex_unlock(&card_mutex); }
+	card_lock(const card_lock &) = delete;
+	card_lock &operator=(const card_lock &) = delete;
+};
+
+/* Slot of a registered interface by name or socket path; card_mutex held. */
+int find_iface_locked(const char *name, const char *path);
+
+/* The card's record of a vhost device, or NULL. */
+card_dev *dev_of(int dev);
+
+/* ---- Readiness (zorv_card_ready.cpp) ---- */
+
+/* Every virtqueue that a queue of vid's port uses is enabled on vhost device vdev. */
+bool conn_queues_ready(int vid, int vdev);
+
+/* Look at the readiness of vid's connection on the EAL interrupt thread, soon. */
+void schedule_ready_check(int vid, card_conn *c);
+
+/* Wait until no readiness check runs for the interface of slot. */
+void wait_ready_checks(int slot);
+
+/* ---- Peers on a socket (zorv_card_peers.cpp) ---- */
+
+/* The vhost library's connection callbacks: one peer per socket, and
+ * the peers the card cuts off. */
+int card_new_connection(int dev);
+void card_destroy_connection(int dev);
+
+/* Take a device's second descriptor of its peer's socket; card_mutex held. */
+int take_peer_end_locked(card_dev *d);
 
 /* ---- Sockets (zorv_card_socket.cpp) ---- */
 

@@ -1,13 +1,16 @@
 /* SPDX-License-Identifier: BSD-3-Clause
  * The emulated card's control side on DPDK's vhost library: the interface
  * table (one slot per registered interface, slot + 1 = the sfi its
- * connections are bound to) under the card's own mutex, the sockets it
- * serves, the vhost callbacks that turn connection events into the port's
- * connection entry points, and the connection table (zorv_card_internal.h)
- * that the card's bursts (zorv_card_burst.cpp) read without a lock: a
- * connection is published there (atomic flag, release) before its port can
- * open its gates, and torn down only after the port has closed and drained
- * them.
+ * connections are bound to) under the card's own mutex, serving and
+ * releasing the sockets, the vhost device callbacks that turn connection
+ * events into the port's connection entry points, and the connection table
+ * (zorv_card_internal.h) that the card's bursts (zorv_card_burst.cpp) read
+ * without a lock: a connection is published there (atomic flag, release)
+ * before its port can open its gates, and torn down only after the port
+ * has closed and drained them. Elsewhere: who may be on a socket
+ * (zorv_card_peers.cpp), when a connection's queues are ready
+ * (zorv_card_ready.cpp), the socket system calls (zorv_card_socket.cpp),
+ * the software transmit offloads (zorv_card_offload.cpp).
  *
  * Lock order: the device manager's mutex may be held when the card's mutex
  * is taken (close unregisters under it), never the other way round; the
@@ -48,61 +51,10 @@ std::array<card_conn, RTE_MAX_VHOST_DEVICE> conns;
 std::array<card_dev, RTE_MAX_VHOST_DEVICE> devs;
 std::atomic<struct rte_mempool *> seg_pool{nullptr};
 
-} // namespace zorv_card
-
-using namespace zorv_card;
-
-namespace {
-
-/* ---- Records and constants ---- */
-
-static_assert((ZORV_CARD_VIRTIO_FEATURES & (1ULL << 14)) == 0,
-	      "the card does not segment UDP: the peer must not send UFO frames");
-
-static_assert(ZORV_CARD_MAX_IFACES <= ZORV_CARD_SFI_MAX, "every slot needs an sfi");
-
-/* Pool of the segments: built, copied to the guest and freed in one call. */
-constexpr unsigned int SEG_POOL_SIZE = 2047;
-constexpr unsigned int SEG_POOL_CACHE = 32;
-constexpr const char *SEG_POOL_NAME = "zorv_card_seg";
-
-/* One registered interface. */
-struct card_iface {
-	bool used;                  /* slot taken */
-	bool closing;               /* unregister in progress: no new connection */
-	int vid;                    /* live connection, or -1 */
-	char name[SOCK_PATH_MAX];   /* interface name as registered */
-	char path[SOCK_PATH_MAX];   /* socket path */
-	int peer_dev = -1;          /* vhost device of the peer on the socket, or -1 */
-	bool refusal_logged;        /* a refusal was logged while that peer is on */
-	uint64_t peers_refused;     /* connections refused while a peer was on */
-	uint64_t peers_cut;         /* peers whose connection the card ended */
-	bool cut_logged;            /* a cut was logged; no device since */
-	bool released;              /* no longer served; the slot waits for unregister */
-};
-
 pthread_mutex_t card_mutex = PTHREAD_MUTEX_INITIALIZER;
-std::array<card_iface, ZORV_CARD_MAX_IFACES> ifaces; /* under card_mutex */
-std::atomic<uint64_t> peers_refused_total{0}; /* over every interface, ever */
-std::atomic<uint64_t> peers_cut_total{0};     /* over every interface, ever */
-/*
- * Set while this thread is inside zorv1_dpu_vdev_protocol_unregister. The
- * port's close unregisters with the device manager's mutex held, after it
- * has stopped the port (gates closed and drained); the vhost library then
- * destroys a live connection in this very thread, where the port's
- * connection entry points, which take that mutex, must not be called.
- */
-thread_local int t_unregistering;
-
-class card_lock {
-public:
-	card_lock() { pthread_mutex_lock(&card_mutex); }
-	~card_lock() { pthread_mutex_unlock(&card_mutex); }
-	card_lock(const card_lock &) = delete;
-	card_lock &operator=(const card_lock &) = delete;
-};
-
-/* ---- Helpers ---- */
+std::array<card_iface, ZORV_CARD_MAX_IFACES> ifaces;
+std::atomic<uint64_t> peers_refused_total{0};
+std::atomic<uint64_t> peers_cut_total{0};
 
 /* Slot of a registered interface by name or socket path; card_mutex held. */
 int find_iface_locked(const char *name, const char *path)
@@ -125,6 +77,35 @@ card_dev *dev_of(int dev)
 	return &devs[dev];
 }
 
+} // namespace zorv_card
+
+using namespace zorv_card;
+
+namespace {
+
+/* ---- Records and constants ---- */
+
+static_assert((ZORV_CARD_VIRTIO_FEATURES & (1ULL << 14)) == 0,
+	      "the card does not segment UDP: the peer must not send UFO frames");
+
+static_assert(ZORV_CARD_MAX_IFACES <= ZORV_CARD_SFI_MAX, "every slot needs an sfi");
+
+/* Pool of the segments: built, copied to the guest and freed in one call. */
+constexpr unsigned int SEG_POOL_SIZE = 2047;
+constexpr unsigned int SEG_POOL_CACHE = 32;
+constexpr const char *SEG_POOL_NAME = "zorv_card_seg";
+
+/*
+ * Set while this thread is inside zorv1_dpu_vdev_protocol_unregister. The
+ * port's close unregisters with the device manager's mutex held, after it
+ * has stopped the port (gates closed and drained); the vhost library then
+ * destroys a live connection in this very thread, where the port's
+ * connection entry points, which take that mutex, must not be called.
+ */
+thread_local int t_unregistering;
+
+/* ---- Helpers ---- */
+
 /* The connection of a vhost device, or NULL. */
 card_conn *conn_of_dev(int dev)
 {
@@ -133,12 +114,6 @@ card_conn *conn_of_dev(int dev)
 		return nullptr;
 	card_conn *c = &conns[d->conn];
 	return c->live.load(std::memory_order_acquire) ? c : nullptr;
-}
-
-bool vring_is_on(int dev, unsigned int v)
-{
-	return dev >= 0 && dev < RTE_MAX_VHOST_DEVICE && v < MAX_VRINGS &&
-	       (devs[dev].vring_on[v / 64].load(std::memory_order_relaxed) >> (v % 64) & 1) != 0;
 }
 
 /* Forget a connection on the card's side; the port no longer uses it. */
@@ -172,200 +147,6 @@ void conn_release(int vid, card_conn *c)
 	c->used.store(false, std::memory_order_release);
 }
 
-/*
- * Ready when every virtqueue that a queue of the port uses is enabled:
- * port receive queue i reads the peer's transmit virtqueue 2i+1, port
- * transmit queue i writes its receive virtqueue 2i. A peer with fewer queue
- * pairs than the port is ready once its own pairs are.
- */
-bool conn_queues_ready(int vid, int vdev)
-{
-	struct rte_eth_dev *dev = zorv1_dev_get_ethdev_by_vid(vid);
-	if (dev == nullptr || dev->data == nullptr)
-		return false;
-	uint16_t pairs = rte_vhost_get_vring_num(vdev) / ZORV1_QNUM;
-	uint16_t nb_rx = std::min(dev->data->nb_rx_queues, pairs);
-	uint16_t nb_tx = std::min(dev->data->nb_tx_queues, pairs);
-	if (nb_rx == 0 && nb_tx == 0)
-		return false;
-	for (uint16_t i = 0; i < nb_rx; i++)
-		if (!vring_is_on(vdev, i * ZORV1_QNUM + ZORV1_TXQ))
-			return false;
-	for (uint16_t i = 0; i < nb_tx; i++)
-		if (!vring_is_on(vdev, i * ZORV1_QNUM + ZORV1_RXQ))
-			return false;
-	return true;
-}
-
-/*
- * Tell the port when its queues become ready. A virtqueue that goes off is
- * only noted, and the port told again once all are back: the port's queue
- * destroy waits for the bursts to leave its queues, and a burst may be
- * spinning on a virtqueue lock of the device. The bursts need no draining
- * here: the library refuses a disabled virtqueue on its own, and the card
- * frees nothing of a queue before the connection is destroyed (whose
- * teardown drains the port's gates). Runs without the virtqueue locks (see
- * card_vring_state_changed).
- */
-void conn_update_ready(int vid, card_conn *c, int vdev, bool enable)
-{
-	bool ready = conn_queues_ready(vid, vdev);
-	if (ready && !c->ready_reported.exchange(true)) {
-		zorv1_dpu_dev_queue_setup(vid);
-	} else if (!ready && c->ready_reported.exchange(false)) {
-		ZORV1_VDEV_LOG(INFO, "vid %d: a queue of the port went off\n", vid);
-	} else if (enable) {
-		g_dpdk_cp_stat.queue_setup_ignore++;
-	} else {
-		g_dpdk_cp_stat.queue_destroy_ignore++;
-	}
-}
-
-/* Slot of the interface a readiness check is running for, or -1. */
-int check_running_slot = -1; /* under card_mutex */
-
-/*
- * A connection's virtqueues changed: look at its readiness on the EAL
- * interrupt thread (an alarm due at once). The vhost library reports the
- * change with every virtqueue lock of the device held; the port's queue
- * setup takes the family mutex, and a family module holding that mutex may
- * be waiting for a burst that spins on one of those locks (the device-wide
- * transmit disable drains every transmit queue under it). Changes that come
- * while a check is pending are looked at by that check.
- */
-void ready_check(void *arg)
-{
-	auto packed = reinterpret_cast<uintptr_t>(arg);
-	int vid = static_cast<int>(packed & 0xffff);
-	uint32_t gen = static_cast<uint32_t>(packed >> 16);
-	card_conn *c = &conns[vid];
-
-	int vdev;
-	c->check_pending = false;
-	{
-		card_lock lock;
-		if (!c->live.load(std::memory_order_acquire) || c->gen.load() != gen ||
-		    c->slot < 0 || !ifaces[c->slot].used || ifaces[c->slot].closing)
-			return;
-		/* An interface being closed waits for this check to end. */
-		check_running_slot = c->slot;
-		vdev = c->dev;
-	}
-	conn_update_ready(vid, c, vdev, c->last_enable.load());
-	card_lock lock;
-	check_running_slot = -1;
-}
-
-void schedule_ready_check(int vid, card_conn *c)
-{
-	if (c->check_pending.exchange(true))
-		return;
-	uintptr_t packed = static_cast<uintptr_t>(vid) |
-			   static_cast<uintptr_t>(c->gen.load()) << 16;
-	int ret = rte_eal_alarm_set(1, ready_check, reinterpret_cast<void *>(packed));
-	if (ret != 0) {
-		c->check_pending = false;
-		ZORV1_VDEV_LOG(ERR, "vid %d: readiness check not scheduled: %s\n", vid,
-			       strerror(-ret));
-	}
-}
-
-/* Wait until no readiness check runs for the interface of slot. */
-void wait_ready_checks(int slot)
-{
-	for (;;) {
-		{
-			card_lock lock;
-			if (check_running_slot != slot)
-				return;
-		}
-		rte_delay_us_sleep(100);
-	}
-}
-
-/* ---- One peer per interface ---- */
-
-/*
- * Record dev as the peer on the socket at path unless another peer is on
- * and not known to be gone. 0 recorded, 1 another peer is on, -1 the socket
- * is not an interface's.
- */
-int claim_socket(const char *path, int dev, bool other_gone)
-{
-	card_lock lock;
-	int slot = find_iface_locked(nullptr, path);
-	if (slot < 0)
-		return -1;
-	card_iface &f = ifaces[slot];
-	if (f.peer_dev >= 0 && f.peer_dev != dev && !other_gone)
-		return 1;
-	if (f.peer_dev != dev)
-		f.refusal_logged = false;
-	f.peer_dev = dev;
-	return 0;
-}
-
-/*
- * A socket serves one peer at a time: a second connection while a peer is
- * on would take the port over and leave the first peer's link up with its
- * traffic stopped. It is refused (the vhost library closes it) and counted;
- * the first refusal while a peer is on is logged. True when refused.
- *
- * The vhost library accepts a new connection before it reads the end of
- * an old one that was closed at about the same time: a peer that leaves
- * and comes back at once would be refused by its own ghost. So before a
- * refusal the card looks whether the connected peer's socket is still
- * open; if not, the new connection takes its place.
- */
-bool refuse_second_peer(int dev)
-{
-	char path[PATH_MAX] = "";
-	if (rte_vhost_get_ifname(dev, path, sizeof(path)) != 0)
-		return false;
-	if (claim_socket(path, dev, false) != 1)
-		return false; /* an unknown socket is refused by new_device */
-
-	/* System calls: not under the card's mutex. */
-	int open = for_each_accepted(path, peer_io::COUNT_OPEN);
-	if (claim_socket(path, dev, open >= 0 && open <= 1) != 1)
-		return false;
-
-	char name[SOCK_PATH_MAX];
-	int peer;
-	{
-		card_lock lock;
-		int slot = find_iface_locked(nullptr, path);
-		if (slot < 0)
-			return true;
-		card_iface &f = ifaces[slot];
-		f.peers_refused++;
-		peers_refused_total.fetch_add(1, std::memory_order_relaxed);
-		if (f.refusal_logged)
-			return true;
-		f.refusal_logged = true;
-		peer = f.peer_dev;
-		memcpy(name, f.name, sizeof(name));
-	}
-	ZORV1_VDEV_LOG(WARNING,
-		       "%s: a peer is connected (vhost device %d); further connections are refused "
-		       "and counted until it leaves\n",
-		       name, peer);
-	return true;
-}
-
-/* The peer's socket connection is gone: the next one may connect. */
-void peer_left(int dev)
-{
-	card_lock lock;
-	for (card_iface &f : ifaces) {
-		if (f.used && f.peer_dev == dev) {
-			f.peer_dev = -1;
-			f.refusal_logged = false;
-		}
-	}
-}
-
-
 /* True while the interface of slot is being unregistered (or is gone). */
 bool iface_closing(int slot)
 {
@@ -376,123 +157,6 @@ bool iface_closing(int slot)
 }
 
 /* ---- vhost callbacks ---- */
-
-/* Take a device's second descriptor of its peer's socket; card_mutex held. */
-int take_peer_end_locked(card_dev *d)
-{
-	int fd = d->peer_fd;
-	d->peer_fd = -1;
-	d->peer_ino = 0;
-	d->peer_slot = -1;
-	return fd;
-}
-
-/*
- * Keep a second descriptor of a new connection's socket (see card_dev).
- * The connections of the other devices are told apart by their inodes.
- */
-void keep_peer_end(card_dev *d, const char *path)
-{
-	std::array<unsigned long, RTE_MAX_VHOST_DEVICE> taken;
-	unsigned int nb = 0;
-	int old;
-	{
-		card_lock lock;
-		old = take_peer_end_locked(d); /* a connection ended with no callback */
-		for (const card_dev &o : devs) {
-			if (o.peer_fd >= 0)
-				taken[nb++] = o.peer_ino;
-		}
-	}
-	if (old >= 0)
-		close(old);
-	unsigned long ino = 0;
-	int fd = dup_new_peer(path, taken.data(), nb, &ino);
-	if (fd < 0)
-		return;
-	card_lock lock;
-	int slot = find_iface_locked(nullptr, path);
-	if (slot < 0 || ifaces[slot].closing) {
-		close(fd);
-		return;
-	}
-	d->peer_fd = fd;
-	d->peer_ino = ino;
-	d->peer_slot = slot;
-}
-
-/*
- * The library ended a connection: if its peer still held it open, the card
- * cut the peer off. Counted every time; logged once for a run of cut
- * connections on an interface, until a peer gets as far as a device.
- */
-void note_end_of_peer(card_dev *d)
-{
-	int fd, slot;
-	{
-		card_lock lock;
-		slot = d->peer_slot;
-		fd = take_peer_end_locked(d);
-	}
-	if (fd < 0)
-		return;
-	bool held = peer_holds(fd);
-	close(fd);
-	if (!held)
-		return;
-
-	char name[SOCK_PATH_MAX];
-	uint64_t cut;
-	{
-		card_lock lock;
-		if (!ifaces[slot].used || ifaces[slot].closing)
-			return; /* the port's close ended it */
-		card_iface &f = ifaces[slot];
-		f.peers_cut++;
-		peers_cut_total.fetch_add(1, std::memory_order_relaxed);
-		if (f.cut_logged)
-			return;
-		f.cut_logged = true;
-		cut = f.peers_cut;
-		memcpy(name, f.name, sizeof(name));
-	}
-	ZORV1_VDEV_LOG(WARNING,
-		       "%s: peer cut off (%" PRIu64 " so far): a vhost-user message it sent was "
-		       "incomplete, stalled or not acceptable, or it did not read the replies; "
-		       "further cut-offs are counted only until a peer connects\n",
-		       name, cut);
-}
-
-int card_new_connection(int dev)
-{
-	if (refuse_second_peer(dev))
-		return -1;
-	card_dev *d = dev_of(dev);
-	if (d != nullptr) {
-		for (auto &w : d->vring_on)
-			w.store(0, std::memory_order_relaxed);
-		d->conn = -1;
-	}
-	char path[PATH_MAX] = "";
-	if (rte_vhost_get_ifname(dev, path, sizeof(path)) != 0)
-		return 0;
-	if (for_each_accepted(path, peer_io::BOUND) <= 0)
-		ZORV1_VDEV_LOG(WARNING, "vhost device %d: its socket on %s was not found\n", dev, path);
-	else if (d != nullptr)
-		keep_peer_end(d, path);
-	return 0;
-}
-
-void card_destroy_connection(int dev)
-{
-	card_dev *d = dev_of(dev);
-	if (d != nullptr) {
-		for (auto &w : d->vring_on)
-			w.store(0, std::memory_order_relaxed);
-		note_end_of_peer(d);
-	}
-	peer_left(dev);
-}
 
 /*
  * Connection id for a new connection of interface name on vhost device dev:
@@ -1054,7 +718,6 @@ uint64_t zorv_card_peers_cut_total(void)
 {
 	return peers_cut_total.load(std::memory_order_relaxed);
 }
-
 
 uint32_t zorv_card_iface_count(void)
 {

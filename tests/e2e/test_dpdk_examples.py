@@ -230,7 +230,7 @@ def run_l3fwd_power(lib, work, binary, mode):
         app.stop()
 
 
-def scenario(common, args):
+def scenario(common):
     if not os.path.isdir(os.path.join(EXAMPLES, "l3fwd-power")):
         raise e2e.Skip("%s has no example sources (apt-get install dpdk-doc)" % EXAMPLES)
     if shutil.which("make") is None:
@@ -272,7 +272,7 @@ def scenario(common, args):
 if __name__ == "__main__":
     def guarded(common):
         try:
-            scenario(common, None)
+            scenario(common)
         except e2e.Skip as why:
             print("SKIP: %s" % why, flush=True)
             sys.exit(e2e.SKIP)

@@ -589,12 +589,6 @@ int zorv_flow_resource_init(struct rte_eth_dev *dev, int enable)
 }
 
 /*
- * Free the port's flow context with every rule, meter, profile and policy.
- * The port's receive queues are stopped by then (close stops the port
- * first). Freeing a port that has none is not an error: 0. -EINVAL only
- * without a port record.
- */
-/*
  * Freeing the port's flow resources is the first thing the port's close
  * does with the family before it takes the family mutex to unregister its
  * interface: the card lets go of the interface here (zorv_vhost_card.h,
@@ -607,6 +601,12 @@ extern "C" __attribute__((weak)) int zorv_card_iface_release(const char *iface)
 	return -1;
 }
 
+/*
+ * Free the port's flow context with every rule, meter, profile and policy.
+ * The port's receive queues are stopped by then (close stops the port
+ * first). Freeing a port that has none is not an error: 0. -EINVAL only
+ * without a port record.
+ */
 int zorv_flow_resource_free(struct rte_eth_dev *dev)
 {
 	struct zorv1_internal *internal = zorv_flow::internal_of(dev);
